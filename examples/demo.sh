@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Shows what libtrel sees on a device snapshot.  Usage: demo.sh TREL DEVICE_DIR
+set -uo pipefail
+trel=$1
+root=$2
+run() {
+  echo "\$ trel --root $root $*"
+  "$trel" --root "$root" "$@"
+  echo
+}
+run version
+run read /proc/trelhal/system.info serialno
+run --json read /proc/trelhal/system.info eth0.macaddr
+run reduce-path /var/run/../tmp//system.cfg
+run hexdump /var/run/ipready.br0

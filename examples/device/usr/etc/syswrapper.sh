@@ -1,0 +1,3 @@
+#!/bin/sh
+# Sample system wrapper: logs what it was asked to do.
+echo "syswrapper: $*"

@@ -1,0 +1,51 @@
+// The path root: when LIBTREL_ROOT is set, every absolute path the library
+// touches is resolved beneath it, like a chroot.  /dev/urandom and /dev/kmsg
+// always stay real; relative paths are left alone.  Messages keep showing the
+// logical path; only the system calls see the resolved one.
+#pragma once
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+namespace trel {
+
+// The resolved form of one logical path.  c_str() is null (errno
+// ENAMETOOLONG) when root and path together do not fit.
+class RootedPath {
+public:
+    explicit RootedPath(const char *logical) noexcept;
+    RootedPath(const RootedPath &) = delete;
+    RootedPath &operator=(const RootedPath &) = delete;
+
+    const char *c_str() const noexcept { return resolved_; }
+    explicit operator bool() const noexcept { return resolved_ != nullptr; }
+
+private:
+    const char *resolved_;
+    char buf_[PATH_MAX];
+};
+
+// The root directory, or null when none is set.
+const char *path_root() noexcept;
+
+// System calls on logical paths; each fails like the call it wraps
+// (ENAMETOOLONG when the resolved path does not fit).
+FILE *path_fopen(const char *path, const char *mode) noexcept;
+int path_open(const char *path, int flags, mode_t mode = 0) noexcept;
+int path_openat(int dirfd, const char *path, int flags, mode_t mode = 0) noexcept;
+int path_stat(const char *path, struct stat *st) noexcept;
+int path_lstat(const char *path, struct stat *st) noexcept;
+int path_access(const char *path, int mode) noexcept;
+int path_mkdir(const char *path, mode_t mode) noexcept;
+int path_chmod(const char *path, mode_t mode) noexcept;
+int path_unlink(const char *path) noexcept;
+int path_rmdir(const char *path) noexcept;
+int path_rename(const char *from, const char *to) noexcept;
+DIR *path_opendir(const char *path) noexcept;
+ssize_t path_readlink(const char *path, char *buf, size_t size) noexcept;
+
+}  // namespace trel
