@@ -13,6 +13,9 @@
 #include "core/log.h"
 #include "core/path_root.h"
 #include "core/raii.h"
+#include "core/text.h"
+
+using trel::copy_text;
 
 namespace {
 
@@ -21,14 +24,6 @@ constexpr char kLineCut[] = "\n\r\a";
 constexpr int kLineMax = 255;       // fgets buffer of the line scanners
 constexpr size_t kNumberMax = 15;   // characters read by the *at number readers
 constexpr size_t kPathMax = 4096;
-
-// Copies src into dst[size], always terminated.
-void copy_text(char *dst, size_t size, const char *src) noexcept {
-    if (dst == nullptr || size == 0) return;
-    size_t n = strnlen(src, size - 1);
-    memcpy(dst, src, n);
-    dst[n] = '\0';
-}
 
 // The default-value fallback shared by the line readers.
 void copy_default(char *buf, size_t size, const char *def, const char *function) noexcept {

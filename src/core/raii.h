@@ -6,6 +6,8 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <jansson.h>
+
 #include <utility>
 
 namespace trel {
@@ -41,12 +43,14 @@ namespace detail {
 inline void close_fd(int fd) noexcept { ::close(fd); }
 inline void close_file(FILE *f) noexcept { ::fclose(f); }
 inline void close_dir(DIR *d) noexcept { ::closedir(d); }
-inline void free_mem(void *p) noexcept { ::free(p); }
+inline void decref_json(json_t *j) noexcept { json_decref(j); }
 }  // namespace detail
 
 using UniqueFd = Handle<int, detail::close_fd, -1>;
 using UniqueFile = Handle<FILE *, detail::close_file, nullptr>;
 using UniqueDir = Handle<DIR *, detail::close_dir, nullptr>;
+// Holds one reference to a JSON value.
+using JsonRef = Handle<json_t *, detail::decref_json, nullptr>;
 
 // Owns malloc'ed memory of type T*.
 template <typename T>
