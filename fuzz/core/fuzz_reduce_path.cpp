@@ -1,5 +1,5 @@
 // Path normalisation of arbitrary text: never out of bounds, the result is
-// always a normal form (idempotent, no "//", no "/./").
+// always a normal form (no "//", no "/./", idempotent).
 #include <stdlib.h>
 #include <string.h>
 
@@ -10,7 +10,6 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::string path(reinterpret_cast<const char *>(data), size);
     path = path.c_str();  // up to the first NUL
-    if (path.rfind("..", 0) == 0) return 0;  // depends on the working directory
     char out[4096];
     if (qx_reduce_path(path.c_str(), out) == nullptr) return 0;
     if (strstr(out, "//") != nullptr || strstr(out, "/./") != nullptr) abort();

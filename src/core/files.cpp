@@ -303,27 +303,32 @@ TREL_API char *qx_reduce_path(const char *path, char *out) noexcept {
     };
     auto at_component_end = [](char c) { return c == '/' || c == '\0'; };
 
-    if (relative) {
-        if (p[0] == '.' && p[1] == '.' && at_component_end(p[2])) {
-            if (getcwd(out, kPathMax) == nullptr) {
-                TREL_ERR(kUtil, "Couldn't getcwd for path %s, %s", path, strerror(errno));
-                return nullptr;
-            }
-            o = strlen(out);
-            drop_last_component();
-            relative = false;
-            p += 2;
-        } else if (p[0] == '.' && p[1] == '\0') {
-            p++;
-        } else {
-            while (p[0] == '.' && p[1] == '/') {
+    while (true) {
+        // While a relative path has produced nothing: "./" and a lone "." are
+        // skipped, ".." continues from the parent of the working directory.
+        if (relative && o == 0) {
+            if (p[0] == '.' && p[1] == '/') {
                 p += 2;
                 while (*p == '/') p++;
+                continue;
+            }
+            if (p[0] == '.' && p[1] == '\0') {
+                p++;
+                continue;
+            }
+            if (p[0] == '.' && p[1] == '.' && at_component_end(p[2])) {
+                if (getcwd(out, kPathMax) == nullptr) {
+                    TREL_ERR(kUtil, "Couldn't getcwd for path %s, %s", path, strerror(errno));
+                    return nullptr;
+                }
+                o = strlen(out);
+                drop_last_component();
+                relative = false;
+                p += 2;
+                continue;
             }
         }
-    }
-
-    while (*p != '\0') {
+        if (*p == '\0') break;
         if (p[0] == '/' && p[1] == '.' && p[2] == '.' && at_component_end(p[3])) {
             p += 3;
             if (!drop_last_component() && relative && *p == '/') p++;

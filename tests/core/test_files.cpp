@@ -168,7 +168,8 @@ TEST(Files, ReducePath) {
         {"/a//b/./c/../d/", "/a/b/d"}, {"/..", "/"},       {"./", "."},         {".", "."},
         {"a/../b", "b"},               {"a/b/../../c", "c"}, {"/a/..", "/"},    {"//", "/"},
         {"./x/./y", "x/y"},            {"a/./", "a"},        {"/a/b/..", "/a"}, {"a/..", "."},
-        {"/./", "/"},                  {"/a/.b/..c", "/a/.b/..c"},
+        {"/./", "/"},                  {"/a/.b/..c", "/a/.b/..c"}, {"././x", "x"},
+        {"a/.././b", "b"},
     };
     for (auto &c : cases) {
         ASSERT_NE(qx_reduce_path(c.in, out), nullptr) << c.in;
@@ -179,10 +180,12 @@ TEST(Files, ReducePath) {
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
     std::string parent(cwd);
     parent = parent.substr(0, parent.rfind('/'));
-    char *owned = qx_reduce_path("../x", nullptr);
-    ASSERT_NE(owned, nullptr);
-    EXPECT_EQ(std::string(owned), (parent.empty() ? "" : parent) + "/x");
-    free(owned);
+    for (const char *in : {"../x", "./../x", "..//x/", "a/../../x"}) {
+        char *owned = qx_reduce_path(in, nullptr);
+        ASSERT_NE(owned, nullptr);
+        EXPECT_EQ(std::string(owned), parent + "/x") << in;
+        free(owned);
+    }
 
     std::string too_long = "/" + std::string(4095, 'a');
     errno = 0;
