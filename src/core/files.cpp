@@ -369,7 +369,10 @@ TREL_API int qx_mkdir_p(const char *path, mode_t mode) noexcept {
     }
     struct stat st;
     if (trel::path_stat(path, &st) == 0) {
-        if (S_ISDIR(st.st_mode)) return 0;
+        if (S_ISDIR(st.st_mode)) {
+            errno = 0;
+            return 0;
+        }
         errno = ENOTDIR;
         return -1;
     }
