@@ -1,0 +1,49 @@
+/* libtrel command execution: reusable command records, the system-wrapper
+ * script, fork/exec and shell commands with captured output. */
+#ifndef TREL_EXEC_H
+#define TREL_EXEC_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <trel/common.h>
+
+TREL_BEGIN_DECLS
+
+/* A program path and its arguments.  argv[0] points at command; argv[1..argc-1]
+ * are owned copies.  exec_create leaves a null pointer in argv[argc] so argv
+ * can go to execv; exec_copy makes exactly argc slots and no terminator. */
+typedef struct exec_record exec_record;
+struct exec_record {
+    char command[4096];
+    int32_t argc;
+    char **argv;
+};
+
+/* The arguments after command end with a null pointer. */
+exec_record *exec_create(const char *command, ...) TREL_NOEXCEPT;
+void exec_destroy(exec_record *rec) TREL_NOEXCEPT;
+exec_record *exec_copy(const exec_record *src) TREL_NOEXCEPT;
+/* -1 when either is null, 0 when equal, -ENOENT when argc differs, -ESRCH when
+ * the commands differ, else the index of the first differing argument. */
+int exec_cmp(const exec_record *a, const exec_record *b) TREL_NOEXCEPT;
+
+/* Runs the system-wrapper script with verb and further texts (null-ended);
+ * waits for it when wait_for_exit is non-zero, else detaches it. */
+void syswrapper_impl(int wait_for_exit, const char *verb, ...) TREL_NOEXCEPT;
+/* Waiting and detached forms; the null terminator is added for you. */
+#define syswrapper(...) syswrapper_impl(1, __VA_ARGS__, (const char *)0)
+#define syswrapper_detached(...) syswrapper_impl(0, __VA_ARGS__, (const char *)0)
+
+void forkexec(char *const argv[]) TREL_NOEXCEPT;
+
+/* Standard output of a shell command, cut to size - 1 bytes and NUL-ended.
+ * Returns the number of bytes stored, -1 when the command cannot start. */
+int popen_get_output(const char *command, char *buf, size_t size) TREL_NOEXCEPT;
+/* Standard output of a shell command as a heap text of at most max - 1
+ * characters (caller frees); null on failure. */
+char *popen_alloc_output(const char *command, size_t max) TREL_NOEXCEPT;
+
+TREL_END_DECLS
+
+#endif
