@@ -1,0 +1,142 @@
+// SHA-256 with an incremental interface.  The message length is counted in
+// 32 bits, so inputs of 512 MiB or more give non-standard digests.
+#include <stdint.h>
+#include <string.h>
+
+#include <trel/crypto.h>
+
+#include "core/api.h"
+
+namespace {
+
+constexpr uint32_t kInit[8] = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
+                               0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
+
+constexpr uint32_t K[64] = {
+    0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1, 0x923f82a4, 0xab1c5ed5,
+    0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3, 0x72be5d74, 0x80deb1fe, 0x9bdc06a7, 0xc19bf174,
+    0xe49b69c1, 0xefbe4786, 0x0fc19dc6, 0x240ca1cc, 0x2de92c6f, 0x4a7484aa, 0x5cb0a9dc, 0x76f988da,
+    0x983e5152, 0xa831c66d, 0xb00327c8, 0xbf597fc7, 0xc6e00bf3, 0xd5a79147, 0x06ca6351, 0x14292967,
+    0x27b70a85, 0x2e1b2138, 0x4d2c6dfc, 0x53380d13, 0x650a7354, 0x766a0abb, 0x81c2c92e, 0x92722c85,
+    0xa2bfe8a1, 0xa81a664b, 0xc24b8b70, 0xc76c51a3, 0xd192e819, 0xd6990624, 0xf40e3585, 0x106aa070,
+    0x19a4c116, 0x1e376c08, 0x2748774c, 0x34b0bcb5, 0x391c0cb3, 0x4ed8aa4a, 0x5b9cca4f, 0x682e6ff3,
+    0x748f82ee, 0x78a5636f, 0x84c87814, 0x8cc70208, 0x90befffa, 0xa4506ceb, 0xbef9a3f7, 0xc67178f2};
+
+inline uint32_t rotr(uint32_t x, int n) { return (x >> n) | (x << (32 - n)); }
+
+inline uint32_t load_be(const uint8_t *p) {
+    return ((uint32_t)p[0] << 24) | ((uint32_t)p[1] << 16) | ((uint32_t)p[2] << 8) | p[3];
+}
+
+inline void store_be(uint8_t *p, uint32_t v) {
+    p[0] = (uint8_t)(v >> 24);
+    p[1] = (uint8_t)(v >> 16);
+    p[2] = (uint8_t)(v >> 8);
+    p[3] = (uint8_t)v;
+}
+
+// Compresses n whole 64-byte blocks into h.  The message schedule is kept as
+// a rolling window of 16 words.
+void compress(uint32_t h[8], const uint8_t *data, size_t n) {
+    while (n-- > 0) {
+        uint32_t w[16];
+        for (int i = 0; i < 16; i++) w[i] = load_be(data + 4 * i);
+        uint32_t a = h[0], b = h[1], c = h[2], d = h[3], e = h[4], f = h[5], g = h[6], hh = h[7];
+
+#define TREL_SHA_ROUND(a, b, c, d, e, f, g, h, i, wi)                                         \
+    do {                                                                                      \
+        uint32_t t1 =                                                                         \
+            h + (rotr(e, 6) ^ rotr(e, 11) ^ rotr(e, 25)) + (g ^ (e & (f ^ g))) + K[i] + (wi); \
+        uint32_t t2 = (rotr(a, 2) ^ rotr(a, 13) ^ rotr(a, 22)) + ((a & b) | (c & (a | b)));   \
+        d += t1;                                                                              \
+        h = t1 + t2;                                                                          \
+    } while (0)
+
+#define TREL_SHA_SCHED(i)                                                                         \
+    (w[(i)&15] +=                                                                                 \
+     (rotr(w[((i) + 14) & 15], 17) ^ rotr(w[((i) + 14) & 15], 19) ^ (w[((i) + 14) & 15] >> 10)) + \
+     w[((i) + 9) & 15] +                                                                          \
+     (rotr(w[((i) + 1) & 15], 7) ^ rotr(w[((i) + 1) & 15], 18) ^ (w[((i) + 1) & 15] >> 3)))
+
+        for (int i = 0; i < 16; i += 8) {
+            TREL_SHA_ROUND(a, b, c, d, e, f, g, hh, i + 0, w[i + 0]);
+            TREL_SHA_ROUND(hh, a, b, c, d, e, f, g, i + 1, w[i + 1]);
+            TREL_SHA_ROUND(g, hh, a, b, c, d, e, f, i + 2, w[i + 2]);
+            TREL_SHA_ROUND(f, g, hh, a, b, c, d, e, i + 3, w[i + 3]);
+            TREL_SHA_ROUND(e, f, g, hh, a, b, c, d, i + 4, w[i + 4]);
+            TREL_SHA_ROUND(d, e, f, g, hh, a, b, c, i + 5, w[i + 5]);
+            TREL_SHA_ROUND(c, d, e, f, g, hh, a, b, i + 6, w[i + 6]);
+            TREL_SHA_ROUND(b, c, d, e, f, g, hh, a, i + 7, w[i + 7]);
+        }
+        for (int i = 16; i < 64; i += 8) {
+            TREL_SHA_ROUND(a, b, c, d, e, f, g, hh, i + 0, TREL_SHA_SCHED(i + 0));
+            TREL_SHA_ROUND(hh, a, b, c, d, e, f, g, i + 1, TREL_SHA_SCHED(i + 1));
+            TREL_SHA_ROUND(g, hh, a, b, c, d, e, f, i + 2, TREL_SHA_SCHED(i + 2));
+            TREL_SHA_ROUND(f, g, hh, a, b, c, d, e, i + 3, TREL_SHA_SCHED(i + 3));
+            TREL_SHA_ROUND(e, f, g, hh, a, b, c, d, i + 4, TREL_SHA_SCHED(i + 4));
+            TREL_SHA_ROUND(d, e, f, g, hh, a, b, c, i + 5, TREL_SHA_SCHED(i + 5));
+            TREL_SHA_ROUND(c, d, e, f, g, hh, a, b, i + 6, TREL_SHA_SCHED(i + 6));
+            TREL_SHA_ROUND(b, c, d, e, f, g, hh, a, i + 7, TREL_SHA_SCHED(i + 7));
+        }
+#undef TREL_SHA_ROUND
+#undef TREL_SHA_SCHED
+
+        h[0] += a;
+        h[1] += b;
+        h[2] += c;
+        h[3] += d;
+        h[4] += e;
+        h[5] += f;
+        h[6] += g;
+        h[7] += hh;
+        data += 64;
+    }
+}
+
+}  // namespace
+
+TREL_API void sha256_init(sha256_context *ctx) noexcept {
+    if (ctx == nullptr) return;
+    memcpy(ctx->h, kInit, sizeof ctx->h);
+    ctx->tot_len = 0;
+    ctx->len = 0;
+}
+
+TREL_API void sha256_update(sha256_context *ctx, const uint8_t *data, uint32_t len) noexcept {
+    if (ctx == nullptr || (data == nullptr && len != 0) || ctx->len >= 64) return;
+    uint32_t room = 64 - ctx->len;
+    uint32_t take = len < room ? len : room;
+    if (take != 0) memcpy(ctx->block + ctx->len, data, take);
+    if ((uint64_t)ctx->len + len < 64) {
+        ctx->len += len;
+        return;
+    }
+    uint32_t rest = len - take;
+    uint32_t blocks = rest / 64;
+    const uint8_t *tail = data + take;
+    compress(ctx->h, ctx->block, 1);
+    compress(ctx->h, tail, blocks);
+    uint32_t left = rest % 64;
+    memcpy(ctx->block, tail + (size_t)blocks * 64, left);
+    ctx->len = left;
+    ctx->tot_len += (blocks + 1) * 64;
+}
+
+TREL_API void sha256_final(sha256_context *ctx, uint8_t digest[32]) noexcept {
+    if (ctx == nullptr || digest == nullptr || ctx->len >= 64) return;
+    uint32_t blocks = ctx->len > 55 ? 2 : 1;
+    uint32_t bits = (ctx->tot_len + ctx->len) * 8;  // 32 bits, deliberately
+    uint32_t padded = blocks * 64;
+    memset(ctx->block + ctx->len, 0, padded - ctx->len);
+    ctx->block[ctx->len] = 0x80;
+    store_be(ctx->block + padded - 4, bits);
+    compress(ctx->h, ctx->block, blocks);
+    for (int i = 0; i < 8; i++) store_be(digest + 4 * i, ctx->h[i]);
+}
+
+TREL_API void sha256(const uint8_t *data, uint32_t len, uint8_t digest[32]) noexcept {
+    sha256_context ctx;
+    sha256_init(&ctx);
+    sha256_update(&ctx, data, len);
+    sha256_final(&ctx, digest);
+}
