@@ -13,8 +13,10 @@ using cfg_test::Lines;
 using cfg_test::parse_text;
 using trel_test::LogCapture;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__has_feature)
-#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
+#if defined(__SANITIZE_ADDRESS__)
+#define CFG_NO_INJECTION 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
 #define CFG_NO_INJECTION 1
 #endif
 #endif
