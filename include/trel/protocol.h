@@ -1,0 +1,97 @@
+/* libtrel device discovery protocol: framed, CRC-checked, AES-128-CBC
+ * encrypted UDP multicast datagrams among the devices of a site.  A service
+ * side runs in the caller's libevent loop; a one-shot client side sends a
+ * single datagram. */
+#ifndef TREL_PROTOCOL_H
+#define TREL_PROTOCOL_H
+
+#include <stdint.h>
+#include <netinet/in.h>
+
+#include <trel/common.h>
+
+TREL_BEGIN_DECLS
+
+struct event_base;
+
+/* UDP port of the service, used as local and destination port. */
+#define TREL_PROTOCOL_PORT 48000
+/* Size of the fixed datagram header. */
+#define TREL_PROTOCOL_HDR_LEN 40
+/* Largest datagram the service reads. */
+#define TREL_PROTOCOL_MAX_DGRAM 512
+
+/* Header flags. */
+#define TREL_PROTOCOL_FLAG_CLEAR 0x01
+#define TREL_PROTOCOL_FLAG_ENCRYPTED 0x02
+
+/* The protocol's control record; the one instance is trel_protocol_ctrl. */
+typedef struct trel_protocol_state trel_protocol_state;
+struct trel_protocol_state {
+    uint32_t initialized;    /* 1 once an init succeeded */
+    uint32_t encrypt;        /* 1 once initialised; the client's encrypt argument */
+    struct in_addr my_ip;    /* bridge address, 0 when unknown */
+    struct in_addr mcast_ip; /* multicast group */
+    int32_t sock;            /* UDP socket, -1 when none */
+    uint8_t mac[6];          /* this device's MAC, put into every header */
+    uint8_t key[16];         /* AES-128 site key */
+    uint16_t last_seq;       /* 12-bit seq of the last accepted datagram */
+    uint16_t send_seq;       /* seq stamped on outgoing datagrams */
+};
+
+extern trel_protocol_state trel_protocol_ctrl;
+
+/* The 40-byte datagram header.  On the wire every multi-byte field is
+ * big-endian; after a successful dec_payload the header is in host order,
+ * seq holds the bare 12-bit number and length the unpadded payload length. */
+typedef struct trel_protocol_hdr trel_protocol_hdr;
+struct trel_protocol_hdr {
+    uint32_t magic; /* bytes 0x22 0x33 0x44 0x55 */
+    uint8_t version;
+    uint8_t flags;
+    uint16_t length;
+    uint16_t method;
+    uint16_t type;
+    uint8_t iv[16];
+    uint8_t mac[6];
+    uint16_t seq;
+    uint32_t crc;
+};
+
+/* One entry of the caller's handler table, which ends with a null handler.
+ * Every entry whose method matches is called, in table order, with the
+ * decrypted payload. */
+typedef struct trel_protocol_handler trel_protocol_handler;
+struct trel_protocol_handler {
+    void (*handler)(void *payload);
+    uint32_t method;
+};
+
+/* ---- Framing ---------------------------------------------------------------- */
+
+/* A new datagram (free with free()), 40 + padded length bytes; null when out
+ * of memory or len is negative.  encrypt 1 pads, checksums and encrypts. */
+uint8_t *gen_payload(const void *payload, int32_t len, uint16_t method, uint16_t type,
+                     int32_t encrypt, const trel_protocol_state *ctrl) TREL_NOEXCEPT;
+/* Checks and decrypts a received datagram of n bytes in place: 0 accepted,
+ * 1 rejected, 2 repeated sequence number. */
+int dec_payload(int32_t n, uint8_t *dgram, const trel_protocol_state *ctrl) TREL_NOEXCEPT;
+
+/* ---- Service ------------------------------------------------------------------ */
+
+int trel_protocol_init(int32_t open_socket) TREL_NOEXCEPT;
+int trel_protocol_init_recv(struct event_base *base, trel_protocol_handler *handlers) TREL_NOEXCEPT;
+int trel_protocol_send(const void *payload, int32_t len, uint16_t method, uint16_t type,
+                       int32_t encrypt) TREL_NOEXCEPT;
+void trel_protocol_deinit(void) TREL_NOEXCEPT;
+
+/* ---- Client --------------------------------------------------------------------- */
+
+int trel_protocol_client_init(void) TREL_NOEXCEPT;
+void trel_protocol_client_send(const void *payload, uint32_t len, uint16_t method) TREL_NOEXCEPT;
+void trel_protocol_client_event_mesh_halt_send(void) TREL_NOEXCEPT;
+int32_t trel_device_identify(void) TREL_NOEXCEPT;
+
+TREL_END_DECLS
+
+#endif
