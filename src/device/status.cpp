@@ -39,7 +39,7 @@ bool starts_with(const char *s, const char *prefix) noexcept {
 // Sets ifr's name; a null name queries the empty one.
 void set_ifr_name(struct ifreq &ifr, const char *ifname) noexcept {
     memset(&ifr, 0, sizeof ifr);
-    trel::copy_text(ifr.ifr_name, IFNAMSIZ, ifname);
+    trel::copy_text(ifr.ifr_name, IFNAMSIZ, ifname != nullptr ? ifname : "");
 }
 
 // One ETHTOOL_GSET; the command stays zeroed when the query fails.
@@ -176,7 +176,7 @@ TREL_API int fill_dev_status(const char *ifname, trel_dev_status *st) noexcept {
         st->speed = 0;
         st->duplex = 255;
     }
-    trel::copy_text(st->name, sizeof st->name, ifname);
+    trel::copy_text(st->name, sizeof st->name, ifname != nullptr ? ifname : "");
     return 0;
 }
 
