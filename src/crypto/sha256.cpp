@@ -35,51 +35,84 @@ inline void store_be(uint8_t *p, uint32_t v) {
     p[3] = (uint8_t)v;
 }
 
-// Compresses n whole 64-byte blocks into h.  The message schedule is kept as
-// a rolling window of 16 words.
+// Four schedule words at a time in vector registers (SSE2 or NEON through
+// the compiler's generic vectors); the rounds stay scalar.
+typedef uint32_t v4u __attribute__((vector_size(16)));
+
+#if defined(__clang__)
+#define TREL_SHUF(a, b, i0, i1, i2, i3) __builtin_shufflevector(a, b, i0, i1, i2, i3)
+#else
+#define TREL_SHUF(a, b, i0, i1, i2, i3) __builtin_shuffle(a, b, (v4u){i0, i1, i2, i3})
+#endif
+
+inline v4u vrotr(v4u x, int n) { return (x >> n) | (x << (32 - n)); }
+inline v4u vsigma0(v4u x) { return vrotr(x, 7) ^ vrotr(x, 18) ^ (x >> 3); }
+inline v4u vsigma1(v4u x) { return vrotr(x, 17) ^ vrotr(x, 19) ^ (x >> 10); }
+
+// W[i+16..i+19] from W[i..i+15] held in a, b, c, d.
+inline v4u next_words(v4u a, v4u b, v4u c, v4u d) {
+    v4u t = a + TREL_SHUF(c, d, 1, 2, 3, 4) + vsigma0(TREL_SHUF(a, b, 1, 2, 3, 4));
+    v4u lo = t + vsigma1(TREL_SHUF(d, d, 2, 3, 2, 3));
+    v4u hi = t + vsigma1(TREL_SHUF(lo, lo, 0, 1, 0, 1));
+    return TREL_SHUF(lo, hi, 0, 1, 6, 7);
+}
+
+inline v4u load4(const uint32_t *p) {
+    v4u v;
+    memcpy(&v, p, sizeof v);
+    return v;
+}
+
+// Compresses n whole 64-byte blocks into h.
 void compress(uint32_t h[8], const uint8_t *data, size_t n) {
     while (n-- > 0) {
-        uint32_t w[16];
-        for (int i = 0; i < 16; i++) w[i] = load_be(data + 4 * i);
+        uint32_t m[16];
+        for (int i = 0; i < 16; i++) m[i] = load_be(data + 4 * i);
+        v4u x0 = load4(m), x1 = load4(m + 4), x2 = load4(m + 8), x3 = load4(m + 12);
         uint32_t a = h[0], b = h[1], c = h[2], d = h[3], e = h[4], f = h[5], g = h[6], hh = h[7];
+        uint32_t bc = b ^ c;
 
-#define TREL_SHA_ROUND(a, b, c, d, e, f, g, h, i, wi)                                         \
-    do {                                                                                      \
-        uint32_t t1 =                                                                         \
-            h + (rotr(e, 6) ^ rotr(e, 11) ^ rotr(e, 25)) + (g ^ (e & (f ^ g))) + K[i] + (wi); \
-        uint32_t t2 = (rotr(a, 2) ^ rotr(a, 13) ^ rotr(a, 22)) + ((a & b) | (c & (a | b)));   \
-        d += t1;                                                                              \
-        h = t1 + t2;                                                                          \
+#define TREL_SHA_ROUND(a, b, c, d, e, f, g, h, wk)                                               \
+    do {                                                                                         \
+        uint32_t t1 = h + (rotr(e, 6) ^ rotr(e, 11) ^ rotr(e, 25)) + (g ^ (e & (f ^ g))) + (wk); \
+        uint32_t ab_ = a ^ b;                                                                    \
+        uint32_t t2 = (rotr(a, 2) ^ rotr(a, 13) ^ rotr(a, 22)) + (b ^ (ab_ & bc));               \
+        bc = ab_;                                                                                \
+        d += t1;                                                                                 \
+        h = t1 + t2;                                                                             \
+    } while (0)
+#define TREL_SHA_ROUNDS_A(wk)                           \
+    do {                                                \
+        TREL_SHA_ROUND(a, b, c, d, e, f, g, hh, wk[0]); \
+        TREL_SHA_ROUND(hh, a, b, c, d, e, f, g, wk[1]); \
+        TREL_SHA_ROUND(g, hh, a, b, c, d, e, f, wk[2]); \
+        TREL_SHA_ROUND(f, g, hh, a, b, c, d, e, wk[3]); \
+    } while (0)
+#define TREL_SHA_ROUNDS_E(wk)                           \
+    do {                                                \
+        TREL_SHA_ROUND(e, f, g, hh, a, b, c, d, wk[0]); \
+        TREL_SHA_ROUND(d, e, f, g, hh, a, b, c, wk[1]); \
+        TREL_SHA_ROUND(c, d, e, f, g, hh, a, b, wk[2]); \
+        TREL_SHA_ROUND(b, c, d, e, f, g, hh, a, wk[3]); \
     } while (0)
 
-#define TREL_SHA_SCHED(i)                                                                         \
-    (w[(i)&15] +=                                                                                 \
-     (rotr(w[((i) + 14) & 15], 17) ^ rotr(w[((i) + 14) & 15], 19) ^ (w[((i) + 14) & 15] >> 10)) + \
-     w[((i) + 9) & 15] +                                                                          \
-     (rotr(w[((i) + 1) & 15], 7) ^ rotr(w[((i) + 1) & 15], 18) ^ (w[((i) + 1) & 15] >> 3)))
-
-        for (int i = 0; i < 16; i += 8) {
-            TREL_SHA_ROUND(a, b, c, d, e, f, g, hh, i + 0, w[i + 0]);
-            TREL_SHA_ROUND(hh, a, b, c, d, e, f, g, i + 1, w[i + 1]);
-            TREL_SHA_ROUND(g, hh, a, b, c, d, e, f, i + 2, w[i + 2]);
-            TREL_SHA_ROUND(f, g, hh, a, b, c, d, e, i + 3, w[i + 3]);
-            TREL_SHA_ROUND(e, f, g, hh, a, b, c, d, i + 4, w[i + 4]);
-            TREL_SHA_ROUND(d, e, f, g, hh, a, b, c, i + 5, w[i + 5]);
-            TREL_SHA_ROUND(c, d, e, f, g, hh, a, b, i + 6, w[i + 6]);
-            TREL_SHA_ROUND(b, c, d, e, f, g, hh, a, i + 7, w[i + 7]);
-        }
-        for (int i = 16; i < 64; i += 8) {
-            TREL_SHA_ROUND(a, b, c, d, e, f, g, hh, i + 0, TREL_SHA_SCHED(i + 0));
-            TREL_SHA_ROUND(hh, a, b, c, d, e, f, g, i + 1, TREL_SHA_SCHED(i + 1));
-            TREL_SHA_ROUND(g, hh, a, b, c, d, e, f, i + 2, TREL_SHA_SCHED(i + 2));
-            TREL_SHA_ROUND(f, g, hh, a, b, c, d, e, i + 3, TREL_SHA_SCHED(i + 3));
-            TREL_SHA_ROUND(e, f, g, hh, a, b, c, d, i + 4, TREL_SHA_SCHED(i + 4));
-            TREL_SHA_ROUND(d, e, f, g, hh, a, b, c, i + 5, TREL_SHA_SCHED(i + 5));
-            TREL_SHA_ROUND(c, d, e, f, g, hh, a, b, i + 6, TREL_SHA_SCHED(i + 6));
-            TREL_SHA_ROUND(b, c, d, e, f, g, hh, a, i + 7, TREL_SHA_SCHED(i + 7));
+        for (int i = 0; i < 64; i += 16) {
+            v4u wk = x0 + load4(K + i);
+            if (i < 48) x0 = next_words(x0, x1, x2, x3);
+            TREL_SHA_ROUNDS_A(wk);
+            wk = x1 + load4(K + i + 4);
+            if (i < 48) x1 = next_words(x1, x2, x3, x0);
+            TREL_SHA_ROUNDS_E(wk);
+            wk = x2 + load4(K + i + 8);
+            if (i < 48) x2 = next_words(x2, x3, x0, x1);
+            TREL_SHA_ROUNDS_A(wk);
+            wk = x3 + load4(K + i + 12);
+            if (i < 48) x3 = next_words(x3, x0, x1, x2);
+            TREL_SHA_ROUNDS_E(wk);
         }
 #undef TREL_SHA_ROUND
-#undef TREL_SHA_SCHED
+#undef TREL_SHA_ROUNDS_A
+#undef TREL_SHA_ROUNDS_E
 
         h[0] += a;
         h[1] += b;
