@@ -3,5 +3,12 @@
 #define LIBTREL_H
 
 #include <trel/core.h>
+#include <trel/cfg.h>
+#include <trel/exec.h>
+#include <trel/crypto.h>
+#include <trel/protocol.h>
+#include <trel/ipc.h>
+#include <trel/http.h>
+#include <trel/device.h>
 
 #endif
