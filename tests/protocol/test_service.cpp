@@ -239,6 +239,17 @@ TEST(Service, SignalMovesMembershipAndSendGoesOut) {
         ASSERT_TRUE(usr1());
         EXPECT_EQ(trel_protocol_ctrl.my_ip.s_addr, inet_addr("10.1.0.1"));
         EXPECT_TRUE(joined("d1", kGroup));
+        int fd = trel_protocol_ctrl.sock, v = 0;
+        unsigned char b = 0xff;
+        socklen_t len = sizeof v;
+        EXPECT_TRUE(getsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &v, &len) == 0 && v == 1);
+        EXPECT_TRUE(getsockopt(fd, SOL_SOCKET, SO_BROADCAST, &v, &len) == 0 && v == 1);
+        len = 1;
+        EXPECT_TRUE(getsockopt(fd, IPPROTO_IP, IP_MULTICAST_LOOP, &b, &len) == 0 && b == 0);
+        struct sockaddr_in local = {};
+        len = sizeof local;
+        getsockname(fd, reinterpret_cast<sockaddr *>(&local), &len);
+        EXPECT_EQ(ntohs(local.sin_port), TREL_PROTOCOL_PORT);
         ASSERT_TRUE(usr1());  // same address: no re-join
         EXPECT_EQ(count(log, "my_ip is 10.1.0.1"), 1u);
 
