@@ -85,6 +85,27 @@ TEST(Board, KnownBoardFilledFromSystemInfo) {
     });
 }
 
+TEST(Board, KnownAccessPoint) {
+    run_in_child([] {
+        TempRoot root;
+        root.write(kInfo,
+                   "vendorid=0x7a1e\nsystemid=0xa6c2\nserialno=0A7E10000001\nboardrevision=13\n");
+        trel_board *b = board_identify();
+        ASSERT_NE(b, nullptr);
+        EXPECT_STREQ(b->name, "Harbor AP-7");
+        ASSERT_EQ(b->num_radios, 2);
+        EXPECT_EQ(b->radios[1].pci_device_id, 0x0A5C);
+        EXPECT_STREQ(map_board_name(b), "Harbor AP-7");
+        // The second OUI gives 1.2.1; revision 13 raises it to 3.9.0.
+        EXPECT_EQ(b->fw_compat, 0x030900u);
+        EXPECT_EQ(get_main_phy_port_id(), 1);  // "PoE In + Data"
+        EXPECT_EQ(get_main_phy_idx(), 4);
+        EXPECT_EQ(board_get_poe_budget(), 13);
+        EXPECT_EQ(is_gen2(), 1u);
+        EXPECT_EQ(dax_is_supported_by_old_wifi(b), 1);
+    });
+}
+
 TEST(Board, IdsAndCountryRules) {
     TempRoot root;
     uint16_t vendor = 0, system = 0;

@@ -64,7 +64,7 @@ TEST(Predicates, OneBoardOfEachFamily) {
         } const cases[] = {
             {0xEE7C, ""},
             {0xA102, "gen1"},
-            {0xA204, "gen2 qca_ap"},
+            {0xA203, "gen2 qca_ap"},
             {0xA312, "gen3_QV gen3 qca_ap"},
             {0xA303, "single_5ghz_gen3 gen3 qca_ap"},
             {0xB500, "kx"},  // no /etc/meshmode.conf
