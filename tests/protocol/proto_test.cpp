@@ -8,10 +8,8 @@
 #include <netinet/udp.h>
 #include <poll.h>
 #include <sched.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,12 +23,11 @@ const uint8_t kKey[16] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,
 const char kKeyHex[] = "00112233445566778899aabbccddeeff";
 const uint8_t kMac[6] = {0x02, 0xa1, 0xb2, 0xc3, 0xd4, 0xe5};
 
-Bytes aes_cbc(bool enc, const uint8_t key[16], const uint8_t iv[16], const uint8_t *data,
-              size_t n) {
+static Bytes aes(bool enc, const uint8_t iv[16], const uint8_t *data, size_t n) {
     Bytes out(n + 16);
-    EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
     int len = 0, fin = 0;
-    EVP_CipherInit_ex(ctx, EVP_aes_128_cbc(), nullptr, key, iv, enc ? 1 : 0);
+    EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
+    EVP_CipherInit_ex(ctx, EVP_aes_128_cbc(), nullptr, kKey, iv, enc ? 1 : 0);
     EVP_CIPHER_CTX_set_padding(ctx, 0);
     EVP_CipherUpdate(ctx, out.data(), &len, data, (int)n);
     EVP_CipherFinal_ex(ctx, out.data() + len, &fin);
@@ -39,50 +36,36 @@ Bytes aes_cbc(bool enc, const uint8_t key[16], const uint8_t iv[16], const uint8
     return out;
 }
 
-static void put16(Bytes &b, size_t off, uint16_t v) {
-    b[off] = (uint8_t)(v >> 8);
-    b[off + 1] = (uint8_t)v;
-}
-static void put32(Bytes &b, size_t off, uint32_t v) {
-    for (int i = 0; i < 4; i++) b[off + (size_t)i] = (uint8_t)(v >> (24 - 8 * i));
+Bytes aes_decrypt(const uint8_t iv[16], const uint8_t *data, size_t n) {
+    return aes(false, iv, data, n);
 }
 
-Bytes build(const Dgram &d, const uint8_t key[16]) {
+uint32_t be32(const uint8_t *p) { return (uint32_t)be16(p) << 16 | be16(p + 2); }
+
+Bytes build(const Dgram &d) {
     Bytes body = d.plain;
-    if (d.pad_value < 0) {
-        if (!body.empty())
-            body.insert(body.end(), 16 - body.size() % 16, (uint8_t)(16 - body.size() % 16));
-    } else {
-        body.insert(body.end(), (size_t)d.pad_value, (uint8_t)d.pad_value);
-    }
-    uint32_t crc = (uint32_t)crc32(0, body.data(), (uInt)body.size()) + (uint32_t)d.crc_delta;
-    Bytes out(40, 0);
-    put32(out, 0, d.magic);
-    out[4] = d.version;
-    out[5] = d.flags;
-    put16(out, 6, (uint16_t)body.size());
-    put16(out, 8, d.method);
-    put16(out, 10, d.type);
-    memcpy(&out[12], d.iv, 16);
-    memcpy(&out[28], kMac, 6);
-    put16(out, 34, (uint16_t)(d.seq << 4));
-    put32(out, 36, crc);
-    if (d.encrypt && !body.empty()) body = aes_cbc(true, key, d.iv, body.data(), body.size());
+    size_t pad = d.pad_value >= 0 ? (size_t)d.pad_value : body.empty() ? 0 : 16 - body.size() % 16;
+    body.insert(body.end(), pad, (uint8_t)pad);
+    uint32_t crc = (uint32_t)crc32(0, body.data(), (uInt)body.size()) + d.crc_delta;
+    Bytes out;
+    auto put = [&out](uint32_t v, int n) {
+        for (int s = 8 * (n - 1); s >= 0; s -= 8) out.push_back((uint8_t)(v >> s));
+    };
+    put(d.magic, 4), put(d.version, 1), put(d.flags, 1), put((uint32_t)body.size(), 2);
+    put(d.method, 2), put(d.type, 2);
+    out.insert(out.end(), d.iv, d.iv + 16);
+    out.insert(out.end(), kMac, kMac + 6);
+    put((uint32_t)d.seq << 4, 2), put(crc, 4);
+    if (!body.empty()) body = aes(true, d.iv, body.data(), body.size());
     out.insert(out.end(), body.begin(), body.end());
     return out;
 }
 
-uint16_t be16(const uint8_t *p) { return (uint16_t)(p[0] << 8 | p[1]); }
-uint32_t be32(const uint8_t *p) {
-    return (uint32_t)p[0] << 24 | (uint32_t)p[1] << 16 | (uint32_t)p[2] << 8 | p[3];
-}
-
 trel_protocol_state make_ctrl() {
-    trel_protocol_state c;
-    memset(&c, 0, sizeof c);
-    c.sock = -1;
-    c.last_seq = 0xfff;  // no test datagram repeats it by accident
+    trel_protocol_state c = {};
     c.initialized = c.encrypt = 1;
+    c.sock = -1;
+    c.last_seq = 0xfff;  // repeated by no test datagram unless meant to
     memcpy(c.key, kKey, 16);
     memcpy(c.mac, kMac, 6);
     return c;
@@ -95,10 +78,8 @@ trel_protocol_hdr host_hdr(const uint8_t *d) {
 }
 
 std::string settings(const std::string &key, const std::string &mcip) {
-    std::string s = "# settings\n";
-    if (!key.empty()) s += "morna.key=" + key + "\n";
-    if (!mcip.empty()) s += "morna.mcip=" + mcip + "\n";
-    return s + "morna.version=1\n";
+    return "# settings\n" + (key.empty() ? "" : "morna.key=" + key + "\n") +
+           (mcip.empty() ? "" : "morna.mcip=" + mcip + "\n") + "morna.version=1\n";
 }
 
 void write_system_info(const trel_test::TempRoot &root) {
@@ -110,15 +91,14 @@ bool netns_available() {
     pid_t pid = fork();
     if (pid == 0) _exit(unshare(CLONE_NEWNET) == 0 ? 0 : 1);
     int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid) return false;
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
+           WEXITSTATUS(status) == 0;
 }
 
 bool enter_netns() {
     if (unshare(CLONE_NEWNET) != 0) return false;
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    struct ifreq ifr;
-    memset(&ifr, 0, sizeof ifr);
+    struct ifreq ifr = {};
     strcpy(ifr.ifr_name, "lo");
     bool ok = ioctl(fd, SIOCGIFFLAGS, &ifr) == 0;
     ifr.ifr_flags |= IFF_UP;
@@ -128,19 +108,17 @@ bool enter_netns() {
 }
 
 bool ip(const std::string &args) {
-    std::string cmd = "ip " + args + " >/dev/null 2>&1";
-    return system(cmd.c_str()) == 0;
+    return system(("ip " + args + " >/dev/null 2>&1").c_str()) == 0;
 }
 
 Capture::Capture(const char *ifname, uint16_t port) : port_(port) {
-    fd_ = socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_ALL));
-    if (fd_ < 0) return;
-    struct sockaddr_ll sll;
-    memset(&sll, 0, sizeof sll);
+    fd_ = socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_ALL));  // ETH_P_ALL also sees outgoing
+    struct sockaddr_ll sll = {};
     sll.sll_family = AF_PACKET;
     sll.sll_protocol = htons(ETH_P_ALL);
     sll.sll_ifindex = (int)if_nametoindex(ifname);
-    if (sll.sll_ifindex == 0 || bind(fd_, reinterpret_cast<sockaddr *>(&sll), sizeof sll) != 0) {
+    if (fd_ >= 0 &&
+        (sll.sll_ifindex == 0 || bind(fd_, reinterpret_cast<sockaddr *>(&sll), sizeof sll) != 0)) {
         close(fd_);
         fd_ = -1;
     }
@@ -150,28 +128,24 @@ Capture::~Capture() {
     if (fd_ >= 0) close(fd_);
 }
 
-bool Capture::next(Bytes &payload, int timeout_ms, int *ttl, uint16_t *src_port, uint32_t *dst) {
-    for (;;) {
-        struct pollfd p = {fd_, POLLIN, 0};
-        if (poll(&p, 1, timeout_ms) <= 0) return false;
-        uint8_t buf[2048];
-        struct sockaddr_ll from;
-        socklen_t flen = sizeof from;
-        ssize_t n = recvfrom(fd_, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &flen);
-        if (n < (ssize_t)sizeof(struct iphdr) || ntohs(from.sll_protocol) != ETH_P_IP) continue;
+bool Capture::next(Packet &p, int timeout_ms) {
+    uint8_t buf[2048];
+    struct pollfd pfd = {fd_, POLLIN, 0};
+    while (poll(&pfd, 1, timeout_ms) > 0) {
+        ssize_t n = recv(fd_, buf, sizeof buf, 0);
         auto *iph = reinterpret_cast<const struct iphdr *>(buf);
+        if (n < 28 || iph->version != 4 || iph->protocol != IPPROTO_UDP) continue;
         size_t ihl = (size_t)iph->ihl * 4;
-        if (iph->protocol != IPPROTO_UDP || (size_t)n < ihl + sizeof(struct udphdr)) continue;
         auto *udp = reinterpret_cast<const struct udphdr *>(buf + ihl);
-        if (ntohs(udp->dest) != port_) continue;
-        size_t ulen = ntohs(udp->len);
-        if (ulen < sizeof(struct udphdr) || ihl + ulen > (size_t)n) continue;
-        payload.assign(buf + ihl + sizeof(struct udphdr), buf + ihl + ulen);
-        if (ttl != nullptr) *ttl = iph->ttl;
-        if (src_port != nullptr) *src_port = ntohs(udp->source);
-        if (dst != nullptr) *dst = iph->daddr;
+        if (ihl + 8 > (size_t)n || ntohs(udp->dest) != port_ || ihl + ntohs(udp->len) > (size_t)n)
+            continue;
+        p.payload.assign(buf + ihl + 8, buf + ihl + ntohs(udp->len));
+        p.ttl = iph->ttl;
+        p.sport = ntohs(udp->source);
+        p.dst = iph->daddr;
         return true;
     }
+    return false;
 }
 
 }  // namespace proto_test

@@ -14,23 +14,20 @@ TEST(Client, InitFromSystemConfig) {
         TempRoot root;
         write_system_info(root);
         LogCapture log;
-        struct Case {
-            std::string cfg;  // empty: no file
-            std::string message;
-        } cases[] = {
+        std::pair<std::string, std::string> cases[] = {
             {"", "trel_protocol_client_init(): Unable to access /tmp/system.cfg: No such file"},
             {settings("", "239.1.2.3"), "trel_protocol_client_init(): no morna.key"},
             {settings(kKeyHex, ""), "trel_protocol_client_init(): no morna.mcip"},
             {settings(std::string(kKeyHex) + "a", "239.1.2.3"), "morna.key invalid len 33"},
         };
-        for (const Case &k : cases) {
-            if (k.cfg.empty())
+        for (const auto &[cfg, message] : cases) {
+            if (cfg.empty())
                 root.remove("/tmp/system.cfg");
             else
-                root.write("/tmp/system.cfg", k.cfg);
+                root.write("/tmp/system.cfg", cfg);
             log.clear();
             EXPECT_EQ(trel_protocol_client_init(), -1);
-            EXPECT_TRUE(log.contains(k.message)) << log.text();
+            EXPECT_TRUE(log.contains(message)) << log.text();
             EXPECT_TRUE(log.contains("client_init(): could not start trel-protocol"));
             EXPECT_EQ(trel_protocol_ctrl.initialized, 0u);
             EXPECT_EQ(trel_protocol_ctrl.sock, -1);
@@ -51,26 +48,62 @@ TEST(Client, InitFromSystemConfig) {
     });
 }
 
-// Without a bridge the socket step fails cleanly.
-TEST(Client, NoBridgeDevice) {
-    trel_test::run_in_child([] {
-        enter_netns();  // a namespace surely without br0, when possible
-        TempRoot root;
-        write_system_info(root);
-        root.write("/tmp/system.cfg", settings(kKeyHex, "239.1.2.3"));
-        LogCapture log;
-        trel_protocol_client_event_mesh_halt_send();
-        EXPECT_TRUE(
-            log.contains("[error] trel_protocol.trel_protocol_client_event_mesh_halt_send(): "
-                         "trel-protocol not initilized"));
-        ASSERT_EQ(trel_protocol_client_init(), 0);
-        int fds = trel_test::open_fd_count();
+// Mesh-halt before init, then without a bridge (socket step fails cleanly),
+// then, in a namespace with "br0", on the wire.
+static void mesh_halt_case(bool with_bridge) {
+    TempRoot root;
+    write_system_info(root);
+    root.write("/tmp/system.cfg", settings(kKeyHex, "239.1.2.3"));
+    LogCapture log;
+    trel_protocol_client_event_mesh_halt_send();
+    EXPECT_TRUE(
+        log.contains("[error] trel_protocol.trel_protocol_client_event_mesh_halt_send(): "
+                     "trel-protocol not initilized"));
+    ASSERT_EQ(trel_protocol_client_init(), 0);
+    int fds = trel_test::open_fd_count();
+    if (!with_bridge) {
         trel_protocol_client_event_mesh_halt_send();
         EXPECT_TRUE(
             log.contains("trel_protocol_client_sock_init(): unable to bind socket to device"));
         EXPECT_TRUE(log.contains("trel_protocol.trel_protocol_client_send(): sock init failed"));
         EXPECT_EQ(trel_protocol_ctrl.sock, -1);
         EXPECT_EQ(trel_test::open_fd_count(), fds);
+        return;
+    }
+    for (const char *cmd :
+         {"link add br0 type bridge", "link set br0 up", "addr add 10.3.0.1/24 dev br0"})
+        ASSERT_TRUE(ip(cmd)) << cmd;
+    Capture cap("br0", TREL_PROTOCOL_PORT);
+    ASSERT_TRUE(cap.ok());
+    trel_protocol_client_event_mesh_halt_send();
+    EXPECT_EQ(trel_protocol_ctrl.sock, -1);
+    EXPECT_EQ(trel_test::open_fd_count(), fds + 1);  // the capture
+
+    Packet got;
+    ASSERT_TRUE(cap.next(got, 5000)) << log.text();
+    Packet extra;
+    EXPECT_FALSE(cap.next(extra, 0)) << "exactly one datagram";
+    Bytes &d = got.payload;
+    ASSERT_EQ(d.size(), 56u);
+    EXPECT_EQ(got.ttl, 64);
+    EXPECT_EQ(got.sport, TREL_PROTOCOL_PORT);
+    EXPECT_EQ(got.dst, inet_addr("239.1.2.3"));
+    EXPECT_EQ(d[5], TREL_PROTOCOL_FLAG_ENCRYPTED);
+    EXPECT_EQ(be16(&d[6]), 16);
+    EXPECT_EQ(be16(&d[8]), 6);
+    EXPECT_EQ(be16(&d[10]), 3);
+    trel_protocol_state c = make_ctrl();
+    ASSERT_EQ(dec_payload(56, d.data(), &c), 0);
+    EXPECT_EQ(host_hdr(d.data()).length, 14);
+    const uint8_t want[16] = {0x02, 0xa1, 0xb2, 0xc3, 0xd4, 0xe5, 0, 0,
+                              0x02, 0x58, 0,    0,    0,    4,    2, 2};
+    EXPECT_EQ(Bytes(&d[40], &d[56]), Bytes(want, want + 16));
+}
+
+TEST(Client, MeshHaltWithoutBridge) {
+    trel_test::run_in_child([] {
+        enter_netns();  // surely without br0, when possible
+        mesh_halt_case(false);
     });
 }
 
@@ -78,41 +111,6 @@ TEST(Client, MeshHaltOnTheWire) {
     if (!netns_available()) GTEST_SKIP() << "needs root for a network namespace";
     trel_test::run_in_child([] {
         ASSERT_TRUE(enter_netns());
-        for (const char *cmd :
-             {"link add br0 type bridge", "link set br0 up", "addr add 10.3.0.1/24 dev br0"})
-            ASSERT_TRUE(ip(cmd)) << cmd;
-        TempRoot root;
-        write_system_info(root);
-        root.write("/tmp/system.cfg", settings(kKeyHex, "239.1.2.3"));
-        Capture cap("br0", TREL_PROTOCOL_PORT);
-        ASSERT_TRUE(cap.ok());
-        LogCapture log;
-        trel_protocol_client_event_mesh_halt_send();  // before init: nothing sent
-        ASSERT_EQ(trel_protocol_client_init(), 0);
-        int fds = trel_test::open_fd_count();
-        trel_protocol_client_event_mesh_halt_send();
-        EXPECT_EQ(trel_protocol_ctrl.sock, -1);
-        EXPECT_EQ(trel_test::open_fd_count(), fds);
-
-        Bytes got;
-        int ttl = 0;
-        uint16_t sport = 0;
-        uint32_t dst = 0;
-        ASSERT_TRUE(cap.next(got, 5000, &ttl, &sport, &dst)) << log.text();
-        EXPECT_FALSE(cap.next(got, 0)) << "exactly one datagram";
-        ASSERT_EQ(got.size(), 56u);
-        EXPECT_EQ(ttl, 64);
-        EXPECT_EQ(sport, TREL_PROTOCOL_PORT);
-        EXPECT_EQ(dst, inet_addr("239.1.2.3"));
-        EXPECT_EQ(got[5], TREL_PROTOCOL_FLAG_ENCRYPTED);
-        EXPECT_EQ(be16(&got[6]), 16);
-        EXPECT_EQ(be16(&got[8]), 6);
-        EXPECT_EQ(be16(&got[10]), 3);
-        trel_protocol_state c = make_ctrl();
-        ASSERT_EQ(dec_payload((int32_t)got.size(), got.data(), &c), 0);
-        EXPECT_EQ(host_hdr(got.data()).length, 14);
-        const uint8_t want[16] = {0x02, 0xa1, 0xb2, 0xc3, 0xd4, 0xe5, 0, 0,
-                                  0x02, 0x58, 0,    0,    0,    4,    2, 2};
-        EXPECT_EQ(memcmp(&got[40], want, 16), 0);
+        mesh_halt_case(true);
     });
 }

@@ -6,7 +6,8 @@ set -u
 trel=$1
 examples=$2
 if [ "${TREL_IN_NETNS:-}" != 1 ]; then
-  TREL_IN_NETNS=1 exec unshare -n "$0" "$@" 2>/dev/null || exit 77
+  unshare -n true 2>/dev/null || exit 77
+  TREL_IN_NETNS=1 exec unshare -n "$0" "$@"
 fi
 ip link set lo up || exit 77
 root=$(mktemp -d)
