@@ -65,7 +65,7 @@ void print_text(const json_t *v, int indent) {
         size_t i;
         json_t *item;
         json_array_foreach(v, i, item) {
-            if (json_is_object(item)) {
+            if (compound(item)) {
                 std::cout << pad << "- " << i << "\n";
                 print_text(item, indent + 2);
             } else {
@@ -181,6 +181,10 @@ int run_board() {
     json_object_set_new(o, "poe_budget", json_integer(board_get_poe_budget()));
     json_object_set_new(o, "accelerometer",
                         has_accelerometer() ? prepare_accelerometer_status() : json_null());
+    buffer *eeprom = trel_read_eeprom();
+    json_object_set_new(o, "eeprom_bytes",
+                        eeprom != nullptr ? json_integer(eeprom->length(eeprom)) : json_null());
+    if (eeprom != nullptr) buffer_destroy(eeprom);
     json_object_set_new(o, "predicates", predicates_json());
     return emit(o);
 }
