@@ -45,7 +45,7 @@ TREL_API uint8_t *gen_payload(const void *payload, int32_t len, uint16_t method,
 }
 
 TREL_API int dec_payload(int32_t n, uint8_t *d, const trel_protocol_state *ctrl) noexcept {
-    // Shorter than a header: the length field is never met (nor read).
+    // Shorter than a header never passes; its length field is then not read.
     if (n < (int32_t)kHdrLen || (uint64_t)((int64_t)n - kHdrLen) != get16(d + kOffLength)) {
         TREL_DBG2("libtrel", "packet length check fail");
         return 1;
@@ -74,6 +74,7 @@ TREL_API int dec_payload(int32_t n, uint8_t *d, const trel_protocol_state *ctrl)
         TREL_DBG2("libtrel", "hdr=%d, crc32=%d", (int)crc, (int)sum);
         return 1;
     }
+    // A pad byte of 0 passes and removes nothing.
     uint8_t pad = body[length - 1];
     if (pad > length) return 1;
     for (unsigned i = 1; i <= pad; i++)
