@@ -27,20 +27,20 @@ constexpr uint8_t gmul(uint8_t a, uint8_t b) {
 
 constexpr uint8_t rotl8(uint8_t x, int n) { return (uint8_t)((x << n) | (x >> (8 - n))); }
 
+// Walks the multiplicative group with generator 3: p runs through 3^k while q
+// runs through its inverse 3^-k, so each step pairs a byte with its inverse.
 constexpr std::array<uint8_t, 256> make_sbox() {
     std::array<uint8_t, 256> s{};
-    for (int x = 0; x < 256; x++) {
-        // Multiplicative inverse (0 maps to 0), then the affine transform.
-        uint8_t inv = 0;
-        for (int y = 1; y < 256 && x != 0; y++) {
-            if (gmul((uint8_t)x, (uint8_t)y) == 1) {
-                inv = (uint8_t)y;
-                break;
-            }
-        }
-        s[x] =
-            (uint8_t)(inv ^ rotl8(inv, 1) ^ rotl8(inv, 2) ^ rotl8(inv, 3) ^ rotl8(inv, 4) ^ 0x63);
-    }
+    uint8_t p = 1, q = 1;
+    do {
+        p = (uint8_t)(p ^ xtime(p));
+        q = (uint8_t)(q ^ (q << 1));
+        q = (uint8_t)(q ^ (q << 2));
+        q = (uint8_t)(q ^ (q << 4));
+        if (q & 0x80) q ^= 0x09;
+        s[p] = (uint8_t)(q ^ rotl8(q, 1) ^ rotl8(q, 2) ^ rotl8(q, 3) ^ rotl8(q, 4) ^ 0x63);
+    } while (p != 1);
+    s[0] = 0x63;  // 0 has no inverse
     return s;
 }
 
