@@ -20,38 +20,15 @@ inline std::string sun_path(const sockaddr_un &a) {
     return std::string(a.sun_path, strnlen(a.sun_path, sizeof a.sun_path));
 }
 
-// Body text of a buffer.
 inline std::string contents(buffer *b) {
     return std::string(static_cast<const char *>(b->data(b)), b->length(b));
 }
 
-// A pattern that differs from chunk to chunk.
+// A body that differs from chunk to chunk.
 inline std::string pattern(size_t n) {
     std::string s(n, '\0');
     for (size_t i = 0; i < n; i++) s[i] = (char)('a' + (i * 7 + i / 16384) % 26);
     return s;
 }
-
-// A datagram socket pair closed at the end of the scope.
-struct Pair {
-    int fd[2] = {-1, -1};
-    Pair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fd), 0); }
-    ~Pair() {
-        for (int f : fd)
-            if (f >= 0) close(f);
-    }
-    void close_end(int i) {
-        close(fd[i]);
-        fd[i] = -1;
-    }
-};
-
-// A buffer destroyed at the end of the scope.
-struct Buf {
-    buffer *b = buffer_create();
-    ~Buf() { buffer_destroy(b); }
-    buffer *operator->() const { return b; }
-    operator buffer *() const { return b; }
-};
 
 }  // namespace ipc_test

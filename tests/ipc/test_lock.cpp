@@ -1,5 +1,4 @@
-// The report and inform-profile lock files, within one process and against
-// another process.
+// The report and inform-profile locks, in one process and against another.
 #include <errno.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -15,12 +14,11 @@ bool fake_sleep = false;
 int sleeps = 0;
 }  // namespace
 
-// Replaces the C library's sleep for the library: counts the calls, and
-// returns at once while fake_sleep is set.
+// Stands in for the C library's sleep: counts the calls and, while
+// fake_sleep is set, returns at once.
 extern "C" unsigned int sleep(unsigned int seconds) {
     sleeps++;
-    if (fake_sleep) return 0;
-    timespec ts{(time_t)seconds, 0};
+    timespec ts{fake_sleep ? 0 : (time_t)seconds, 0};
     while (nanosleep(&ts, &ts) == -1 && errno == EINTR) {
     }
     return 0;
@@ -28,33 +26,66 @@ extern "C" unsigned int sleep(unsigned int seconds) {
 
 namespace {
 
-double now() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec + ts.tv_nsec / 1e9;
+struct Lock {
+    int (*lock)();
+    int (*unlock)();
+    const char *path, *name;
+};
+const Lock kLocks[] = {
+    {report_lock, report_unlock, "/var/run/report", "report"},
+    {inform_profile_lock, inform_profile_unlock, "/var/run/inform-profile.lock", "inform_profile"},
+};
+
+TEST(Lock, InOneProcess) {
+    TempRoot root;
+    LogCapture log;
+    int fds = trel_test::open_fd_count();
+    sleeps = 0;
+    for (const Lock &l : kLocks) {
+        std::string fn = std::string("[error] statistics.") + l.name;
+        EXPECT_EQ(l.lock(), -1);
+        EXPECT_TRUE(log.contains(fn + "_lock(): Can't open " + l.path)) << log.text();
+        EXPECT_FALSE(root.exists(l.path));
+        EXPECT_EQ(l.unlock(), -1);
+        EXPECT_TRUE(log.contains(fn + "_unlock(): unlocking " + l.path + " without locking"));
+    }
+    EXPECT_EQ(report_locked(), 0);
+
+    root.mkdir("/var/run/report");
+    mode_t mask = umask(022);
+    for (const Lock &l : kLocks) {
+        EXPECT_EQ(l.lock(), 0);
+        EXPECT_EQ(l.lock(), -1);
+        EXPECT_TRUE(log.contains(std::string("statistics.") + l.name + "_lock(): Locking " +
+                                 l.path + " twice"));
+    }
+    umask(mask);
+    EXPECT_EQ(report_locked(), 1);
+    EXPECT_EQ(trel_test::open_fd_count(), fds + 2);
+    struct stat st;
+    ASSERT_EQ(stat(root.path(kLocks[1].path).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+    for (const Lock &l : kLocks) EXPECT_EQ(l.unlock(), 0);
+    EXPECT_EQ(report_locked(), 0);
+    EXPECT_TRUE(root.exists(kLocks[1].path));
+    EXPECT_EQ(sleeps, 0);
+    EXPECT_EQ(trel_test::open_fd_count(), fds);
 }
 
-// A child process that takes both locks, reports it on a pipe, and keeps
-// them until release() or for hold_seconds.
+// A child process holding both locks until release() or for hold seconds.
 class Holder {
 public:
-    explicit Holder(int hold_seconds = -1) {
+    explicit Holder(int hold = -1) {
         int ready[2];
         EXPECT_EQ(pipe(ready), 0);
         EXPECT_EQ(pipe(release_), 0);
-        pid_ = fork();
-        if (pid_ == 0) {
-            close(ready[0]);
-            close(release_[1]);
-            char ok = report_lock() == 0 && inform_profile_lock() == 0 ? 'y' : 'n';
+        if ((pid_ = fork()) == 0) {
+            char ok = report_lock() == 0 && inform_profile_lock() == 0 ? 'y' : 'n', c;
             if (write(ready[1], &ok, 1) != 1) _exit(2);
-            if (hold_seconds >= 0) {
-                timespec ts{hold_seconds, 0};
-                nanosleep(&ts, nullptr);
-            } else {
-                char c;
-                while (read(release_[0], &c, 1) > 0) {
-                }
+            close(release_[1]);
+            timespec ts{hold, 0};
+            if (hold >= 0) nanosleep(&ts, nullptr);
+            while (hold < 0 && read(release_[0], &c, 1) > 0) {
             }
             _exit(report_unlock() == 0 && inform_profile_unlock() == 0 ? 0 : 1);
         }
@@ -65,14 +96,11 @@ public:
         EXPECT_EQ(ok, 'y');
         close(ready[0]);
     }
-    ~Holder() { release(); }
-    void release() {
-        if (pid_ <= 0) return;
+    ~Holder() {
         close(release_[1]);
         int status = 0;
         EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-        pid_ = -1;
     }
 
 private:
@@ -80,122 +108,44 @@ private:
     int release_[2] = {-1, -1};
 };
 
-TEST(Lock, ReportLockInOneProcess) {
-    TempRoot root;
-    LogCapture log;
-    int fds = trel_test::open_fd_count();
-    sleeps = 0;
-
-    EXPECT_EQ(report_lock(), -1);
-    EXPECT_TRUE(log.contains("[error] statistics.report_lock(): Can't open /var/run/report"))
-        << log.text();
-    EXPECT_FALSE(root.exists("/var/run/report"));
-    EXPECT_EQ(report_locked(), 0);
-    EXPECT_EQ(sleeps, 0);
-
-    root.mkdir("/var/run/report");
-    log.clear();
-    EXPECT_EQ(report_lock(), 0);
-    EXPECT_EQ(report_locked(), 1);
-    EXPECT_EQ(report_lock(), -1);
-    EXPECT_TRUE(log.contains("[error] statistics.report_lock(): Locking /var/run/report twice"))
-        << log.text();
-    EXPECT_EQ(report_locked(), 1);
-    EXPECT_EQ(trel_test::open_fd_count(), fds + 1);
-    EXPECT_EQ(report_unlock(), 0);
-    EXPECT_EQ(report_locked(), 0);
-    EXPECT_EQ(report_unlock(), -1);
-    EXPECT_TRUE(log.contains(
-        "[error] statistics.report_unlock(): unlocking /var/run/report without locking"))
-        << log.text();
-    EXPECT_EQ(sleeps, 0);
-    EXPECT_EQ(trel_test::open_fd_count(), fds);
-}
-
-TEST(Lock, InformProfileLockInOneProcess) {
-    TempRoot root;
-    LogCapture log;
-    int fds = trel_test::open_fd_count();
-    const char *file = "/var/run/inform-profile.lock";
-
-    EXPECT_EQ(inform_profile_lock(), -1);
-    EXPECT_TRUE(log.contains(
-        "[error] statistics.inform_profile_lock(): Can't open /var/run/inform-profile.lock"))
-        << log.text();
-    EXPECT_EQ(trel_test::open_fd_count(), fds);
-
-    root.mkdir("/var/run");
-    mode_t mask = umask(022);
-    log.clear();
-    EXPECT_EQ(inform_profile_lock(), 0);
-    umask(mask);
-    struct stat st;
-    ASSERT_EQ(stat(root.path(file).c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
-    EXPECT_EQ(inform_profile_lock(), -1);
-    EXPECT_TRUE(
-        log.contains("[error] statistics.inform_profile_lock(): Locking "
-                     "/var/run/inform-profile.lock twice"))
-        << log.text();
-    EXPECT_EQ(trel_test::open_fd_count(), fds + 1);
-    EXPECT_EQ(inform_profile_unlock(), 0);
-    EXPECT_TRUE(root.exists(file));
-    EXPECT_EQ(inform_profile_unlock(), -1);
-    EXPECT_TRUE(
-        log.contains("[error] statistics.inform_profile_unlock(): unlocking "
-                     "/var/run/inform-profile.lock without locking"))
-        << log.text();
-    EXPECT_EQ(trel_test::open_fd_count(), fds);
-
-    // An existing lock file is reused as it is.
-    EXPECT_EQ(inform_profile_lock(), 0);
-    EXPECT_EQ(inform_profile_unlock(), 0);
-}
-
 TEST(Lock, HeldByAnotherProcessGivesUpAfterElevenAttempts) {
     TempRoot root;
     root.mkdir("/var/run/report");
-    int fds = trel_test::open_fd_count();
     {
         Holder holder;
         LogCapture log;
+        int fds = trel_test::open_fd_count();
         fake_sleep = true;
-        sleeps = 0;
-        EXPECT_EQ(report_lock(), -1);
-        EXPECT_EQ(sleeps, 11);
-        EXPECT_EQ(report_locked(), 0);
-        EXPECT_TRUE(log.contains("[error] statistics.report_lock(): couldn't lock /var/run/report"))
-            << log.text();
-        sleeps = 0;
-        EXPECT_EQ(inform_profile_lock(), -1);
-        EXPECT_EQ(sleeps, 11);
-        EXPECT_TRUE(
-            log.contains("[error] statistics.inform_profile_lock(): couldn't lock "
-                         "/var/run/inform-profile.lock"))
-            << log.text();
+        for (const Lock &l : kLocks) {
+            sleeps = 0;
+            EXPECT_EQ(l.lock(), -1);
+            EXPECT_EQ(sleeps, 11);
+            EXPECT_TRUE(log.contains(std::string("[error] statistics.") + l.name +
+                                     "_lock(): couldn't lock " + l.path))
+                << log.text();
+            EXPECT_EQ(l.unlock(), -1);
+        }
         fake_sleep = false;
-        EXPECT_EQ(trel_test::open_fd_count(), fds + 2);  // release pipe, saved stderr
-        EXPECT_EQ(report_unlock(), -1);
-        EXPECT_EQ(inform_profile_unlock(), -1);
+        EXPECT_EQ(report_locked(), 0);
+        EXPECT_EQ(trel_test::open_fd_count(), fds);
     }
     // Released by the other process: taken at the first attempt.
     sleeps = 0;
-    EXPECT_EQ(report_lock(), 0);
-    EXPECT_EQ(inform_profile_lock(), 0);
+    for (const Lock &l : kLocks) EXPECT_EQ(l.lock(), 0);
+    for (const Lock &l : kLocks) EXPECT_EQ(l.unlock(), 0);
     EXPECT_EQ(sleeps, 0);
-    EXPECT_EQ(report_unlock(), 0);
-    EXPECT_EQ(inform_profile_unlock(), 0);
-    EXPECT_EQ(trel_test::open_fd_count(), fds);
 }
 
-TEST(Lock, WaitsForAnotherProcessToRelease) {
+TEST(Lock, WaitsWhileAnotherProcessHoldsItForTwoSeconds) {
     TempRoot root;
     root.mkdir("/var/run/report");
     Holder holder(2);
     sleeps = 0;
-    double start = now();
+    timespec a, b;
+    clock_gettime(CLOCK_MONOTONIC, &a);
     EXPECT_EQ(report_lock(), 0);
-    EXPECT_GE(now() - start, 1.0);
+    clock_gettime(CLOCK_MONOTONIC, &b);
+    EXPECT_GE(b.tv_sec - a.tv_sec + (b.tv_nsec - a.tv_nsec) / 1e9, 1.0);
     EXPECT_GE(sleeps, 1);
     EXPECT_LE(sleeps, 10);
     EXPECT_EQ(report_unlock(), 0);
