@@ -71,26 +71,37 @@ size_t leading(const char *s) {
     return (size_t)(p - (const unsigned char *)s);
 }
 
+// One pass: whole groups of four alphabet characters give three bytes each
+// (the last of them too); a tail of 2 or 3 gives 1 or 2, a lone one nothing.
+// Each byte is looked at only after the one before it was in the alphabet,
+// so the terminating NUL is never passed.
 void decode(uint8_t *out, const char *encoded) {
     if (out == nullptr) return;
-    if (encoded == nullptr) {
-        *out = 0;
-        return;
-    }
-    const unsigned char *in = (const unsigned char *)encoded;
-    size_t n = leading(encoded);
     uint8_t *p = out;
-    for (; n > 4; n -= 4, in += 4) {
-        uint32_t v = ((uint32_t)kDecode[in[0]] << 18) | ((uint32_t)kDecode[in[1]] << 12) |
-                     ((uint32_t)kDecode[in[2]] << 6) | kDecode[in[3]];
-        p[0] = (uint8_t)(v >> 16);
-        p[1] = (uint8_t)(v >> 8);
-        p[2] = (uint8_t)v;
-        p += 3;
+    const unsigned char *in = (const unsigned char *)encoded;
+    if (in != nullptr) {
+        for (;; in += 4, p += 3) {
+            uint32_t a = kDecode[in[0]];
+            if (a == 64) break;
+            uint32_t b = kDecode[in[1]];
+            if (b == 64) break;
+            uint32_t c = kDecode[in[2]];
+            if (c == 64) {
+                *p++ = (uint8_t)((a << 2) | (b >> 4));
+                break;
+            }
+            uint32_t d = kDecode[in[3]];
+            if (d == 64) {
+                *p++ = (uint8_t)((a << 2) | (b >> 4));
+                *p++ = (uint8_t)((b << 4) | (c >> 2));
+                break;
+            }
+            uint32_t v = (a << 18) | (b << 12) | (c << 6) | d;
+            p[0] = (uint8_t)(v >> 16);
+            p[1] = (uint8_t)(v >> 8);
+            p[2] = (uint8_t)v;
+        }
     }
-    if (n > 1) *p++ = (uint8_t)((kDecode[in[0]] << 2) | (kDecode[in[1]] >> 4));
-    if (n > 2) *p++ = (uint8_t)((kDecode[in[1]] << 4) | (kDecode[in[2]] >> 2));
-    if (n > 3) *p++ = (uint8_t)((kDecode[in[2]] << 6) | kDecode[in[3]]);
     *p = 0;
 }
 
