@@ -1,0 +1,61 @@
+// The trel tool's http commands against a loopback server.
+#include <stdio.h>
+#include <sys/wait.h>
+
+#include <string>
+
+#include "http_server.h"
+#include "trel_test.h"
+
+namespace {
+
+#ifdef TREL_TOOL_PATH
+// Runs the tool with a shell argument string; standard output and the exit
+// status.
+std::string run_tool(const std::string &args, int *status) {
+    std::string cmd = std::string(TREL_TOOL_PATH) + " " + args + " 2>/dev/null";
+    FILE *p = popen(cmd.c_str(), "r");
+    std::string out;
+    char buf[4096];
+    size_t n;
+    while (p != nullptr && (n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    int rc = p != nullptr ? pclose(p) : -1;
+    *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+    return out;
+}
+
+TEST(Tool, HttpCommands) {
+    trel_test::HttpServer server;
+    trel_test::HttpResponse created;
+    created.status = 201;
+    created.reason = "Created";
+    created.body = "0123456789";
+    server.add_response(created);
+    trel_test::HttpResponse missing;
+    missing.status = 404;
+    missing.body = "gone";
+    server.add_response(missing);
+
+    std::string dir = trel_test::make_temp_dir();
+    trel_test::write_file(dir + "/p.json", "{ \"a\": [1, 2] }\n");
+    int status = -1;
+    std::string out = run_tool(
+        "http post " + server.url("/in") + " --json " + dir + "/p.json --max-size 4", &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(out, "HTTP 201\n0123\n");
+    out = run_tool("--json http get " + server.url("/x"), &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(out.find("\"status\": 404"), std::string::npos) << out;
+    EXPECT_NE(out.find("\"body\": \"gone\""), std::string::npos) << out;
+    trel_test::remove_tree(dir);
+
+    auto reqs = server.requests();
+    ASSERT_EQ(reqs.size(), 2u);
+    EXPECT_EQ(reqs[0].line, "POST /in HTTP/1.1");
+    EXPECT_EQ(reqs[0].header("Content-Type"), "application/json");
+    EXPECT_EQ(reqs[0].body, "{\"a\":[1,2]}");
+    EXPECT_EQ(reqs[1].line, "GET /x HTTP/1.1");
+}
+#endif
+
+}  // namespace
