@@ -23,16 +23,26 @@ struct cfg_entry {
 
 /* ---- Model, parser and writer -------------------------------------------- */
 
+/* key=value lines; "#" lines, blank lines and lines without "=" are skipped.
+ * The value keeps everything after the first "=" except the line's last
+ * character.  After a "# misc" line a repeated key updates the first entry. */
 cfg_entry *parse_stream(FILE *stream) TREL_NOEXCEPT;
 cfg_entry *parse(const char *path) TREL_NOEXCEPT;
 void free_cfg(cfg_entry *cfg) TREL_NOEXCEPT;
 void print_cfg(cfg_entry *cfg) TREL_NOEXCEPT;
+/* Writes "# CFG Start" then key=value lines; -1 when path cannot be opened. */
 int save_cfg(cfg_entry *cfg, const char *path) TREL_NOEXCEPT;
+/* The value with \ before each of ` \ " ' $; cached in the entry (the value
+ * itself when nothing needs escaping).  Null when out of memory. */
 const char *esc_value(cfg_entry *entry) TREL_NOEXCEPT;
+/* Case-insensitive; digit runs compare by value ("radio.2" < "radio.10"). */
 int cfg_keycmp(const char *a, const char *b) TREL_NOEXCEPT;
 
 /* ---- Queries -------------------------------------------------------------- */
 
+/* Keys are printf formats; the first entry with an equal key (cfg_keycmp)
+ * answers.  Missing keys and values that do not convert give def; so does a
+ * range error left in errno before the call. */
 const char *get_value(cfg_entry *cfg, const char *def, const char *fmt, ...) TREL_NOEXCEPT
     TREL_PRINTF(3, 4);
 const char *get_esc_value(cfg_entry *cfg, const char *def, const char *fmt, ...) TREL_NOEXCEPT
@@ -48,6 +58,10 @@ int64_t get_int64(cfg_entry *cfg, int64_t def, const char *fmt, ...) TREL_NOEXCE
 int get_bool(cfg_entry *cfg, int def, const char *fmt, ...) TREL_NOEXCEPT TREL_PRINTF(3, 4);
 
 /* ---- Iterator lists, sections and counts ----------------------------------- */
+
+/* Lists borrow keys and values from the configuration: free them with
+ * free_cfg_it before the configuration.  get_cfg_section returns the entries
+ * PREFIX<number>[POSTFIX] (postfix starting with "."), sorted by key. */
 
 cfg_entry *get_cfg_it(cfg_entry *cfg, int exact, const char *fmt, ...) TREL_NOEXCEPT
     TREL_PRINTF(3, 4);
