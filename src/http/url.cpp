@@ -113,18 +113,38 @@ bool split_authority(const char *a, const char *e, url_info *u, const char **hos
 }
 
 // Writes the normalised text of a parsed record into u->url.
-bool normalise(url_info *u) noexcept {
-    uint16_t def = 0;
-    url_scheme2port(u->scheme, &def);
-    const char *lb = u->is_ipv6 ? "[" : "", *rb = u->is_ipv6 ? "]" : "";
-    char port[8] = "";
-    if (u->port != def) snprintf(port, sizeof port, ":%u", (unsigned)u->port);
-    size_t n = strlen(u->scheme) + 3 + (u->userinfo ? strlen(u->userinfo) + 1 : 0) +
-               strlen(u->host) + 2 + strlen(port) + strlen(u->path) + 1;
-    u->url = static_cast<char *>(malloc(n));
+bool normalise(url_info *u, uint16_t def) noexcept {
+    // ":%u" with the port, only when it is not the scheme's default.
+    char port[8];
+    size_t port_len = 0;
+    if (u->port != def) {
+        char digits[5];
+        size_t nd = 0;
+        for (unsigned v = u->port; v != 0; v /= 10) digits[nd++] = (char)('0' + v % 10);
+        port[port_len++] = ':';
+        while (nd > 0) port[port_len++] = digits[--nd];
+    }
+    size_t scheme_len = strlen(u->scheme), user_len = u->userinfo ? strlen(u->userinfo) : 0;
+    size_t host_len = strlen(u->host), path_len = strlen(u->path);
+    u->url = static_cast<char *>(
+        malloc(scheme_len + 3 + user_len + 1 + host_len + 2 + port_len + path_len + 1));
     if (u->url == nullptr) return false;
-    snprintf(u->url, n, "%s://%s%s%s%s%s%s%s", u->scheme, u->userinfo ? u->userinfo : "",
-             u->userinfo ? "@" : "", lb, u->host, rb, port, u->path);
+    char *o = u->url;
+    auto put = [&o](const char *src, size_t n) {
+        memcpy(o, src, n);
+        o += n;
+    };
+    put(u->scheme, scheme_len);
+    put("://", 3);
+    if (u->userinfo != nullptr) {
+        put(u->userinfo, user_len);
+        *o++ = '@';
+    }
+    if (u->is_ipv6) *o++ = '[';
+    put(u->host, host_len);
+    if (u->is_ipv6) *o++ = ']';
+    put(port, port_len);
+    put(u->path, path_len + 1);
     return true;
 }
 
@@ -153,7 +173,9 @@ bool parse_into(url_info *u, const char *text) noexcept {
         url_oom("url_parse", 229);
         return false;
     }
-    url_scheme2port(u->scheme, &u->port);
+    uint16_t def = 0;
+    bool known = url_scheme2port(u->scheme, &def) == 0;
+    if (known) u->port = def;
     u->is_https = strcmp(u->scheme, "https") == 0;
 
     const char *path = strpbrk(rest, "/?;");
@@ -178,7 +200,7 @@ bool parse_into(url_info *u, const char *text) noexcept {
         if (v != 0) u->port = (uint16_t)v;
     }
     if (he <= hb) return false;
-    if (url_scheme2port(u->scheme, nullptr) != 0 || u->port == 0) return false;
+    if (!known || u->port == 0) return false;
 
     u->host = dup_range(hb, he);
     u->path = path != nullptr ? strdup(path) : strdup("/");
@@ -186,7 +208,7 @@ bool parse_into(url_info *u, const char *text) noexcept {
         url_oom("url_parse", 229);
         return false;
     }
-    if (!normalise(u)) {
+    if (!normalise(u, def)) {
         url_oom("url_parse", 272);
         return false;
     }
