@@ -263,9 +263,6 @@ TEST(Board, BomRevisionAndQrCode) {
 TEST(Board, ArchNames) {
     EXPECT_EQ(arch_name_to_type("AR933X", 6), 4);
     EXPECT_EQ(arch_name_to_type("ar933", 5), 43);
-    EXPECT_EQ(arch_name_to_type("ar2313", 6), 0);
-    EXPECT_EQ(arch_name_to_type("Ar2316", 6), 1);
-    EXPECT_EQ(arch_name_to_type("ar7100", 6), 2);
     EXPECT_EQ(arch_name_to_type("AR7240", 6), 3);
     EXPECT_EQ(arch_name_to_type("ar7240x", 7), 43);
     EXPECT_EQ(arch_name_to_type("ar9344", 6), 43);

@@ -118,13 +118,3 @@ TEST(Predicates, RevisionAndSetupRules) {
         update_cached_board(nullptr);
     });
 }
-
-TEST(Outlets, Stubs) {
-    EXPECT_EQ(trel_outlet_get_outlet_status_json(), nullptr);
-    json_t *payload = json_pack("{s:i}", "uptime", 5);
-    EXPECT_EQ(trel_outlet_status_update_json_payload(payload), 0);
-    EXPECT_EQ(json_object_size(payload), 1u);
-    EXPECT_EQ(trel_outlet_status_update_json_payload(nullptr), 0);
-    json_decref(payload);
-    EXPECT_EQ(trel_psu_get_json_psu_table(nullptr), 0);
-}
