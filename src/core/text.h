@@ -10,7 +10,11 @@ namespace trel {
 // gives the empty text; nothing happens for a null dst or a zero size.
 inline void copy_text(char *dst, size_t size, const char *src) noexcept {
     if (dst == nullptr || size == 0) return;
-    size_t n = src != nullptr ? strnlen(src, size - 1) : 0;
+    if (src == nullptr) {
+        dst[0] = '\0';
+        return;
+    }
+    size_t n = strnlen(src, size - 1);
     memcpy(dst, src, n);
     dst[n] = '\0';
 }
