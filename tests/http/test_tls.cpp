@@ -117,35 +117,16 @@ private:
                    (n = SSL_read(ssl, buf, sizeof buf)) > 0)
                 in.append(buf, (size_t)n);
             if (head != std::string::npos) {
-                HttpRequest req;
-                req.line = in.substr(0, in.find("\r\n"));
-                req.method = req.line.substr(0, req.line.find(' '));
-                size_t t = req.method.size() + 1;
-                req.target = req.line.substr(t, req.line.find(' ', t) - t);
-                for (size_t pos = in.find("\r\n") + 2; pos < head;) {
-                    size_t eol = in.find("\r\n", pos);
-                    std::string h = in.substr(pos, eol - pos);
-                    size_t colon = h.find(':');
-                    if (colon != std::string::npos)
-                        req.headers.emplace_back(h.substr(0, colon),
-                                                 h.substr(h.find_first_not_of(' ', colon + 1)));
-                    pos = eol + 2;
-                }
+                HttpRequest req = trel_test::parse_request_head(in.substr(0, head));
                 size_t length = strtoul(req.header("Content-Length").c_str(), nullptr, 10);
                 while (in.size() < head + 4 + length && (n = SSL_read(ssl, buf, sizeof buf)) > 0)
                     in.append(buf, (size_t)n);
                 req.body = in.substr(head + 4, length);
-                HttpResponse resp = handler_(req);
+                std::string out = trel_test::format_response(handler_(req));
                 {
                     std::lock_guard<std::mutex> lock(mutex_);
                     requests_.push_back(req);
                 }
-                std::string out =
-                    "HTTP/1.1 " + std::to_string(resp.status) + " " + resp.reason + "\r\n";
-                for (const auto &h : resp.headers) out += h.first + ": " + h.second + "\r\n";
-                out += "Content-Length: " + std::to_string(resp.body.size()) +
-                       "\r\nConnection: close\r\n\r\n";
-                out += resp.body;
                 SSL_write(ssl, out.data(), (int)out.size());
             }
             SSL_shutdown(ssl);

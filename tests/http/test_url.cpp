@@ -177,17 +177,6 @@ TEST(Url, SchemeTable) {
     EXPECT_EQ(port, 7);
 }
 
-TEST(Url, RecordLayout) {
-    // Binary layout shared with programs built against older headers.
-    EXPECT_EQ(offsetof(url_info, url), 0u);
-    EXPECT_LT(offsetof(url_info, host), offsetof(url_info, port));
-    EXPECT_LT(offsetof(url_info, port), offsetof(url_info, path));
-    EXPECT_LT(offsetof(url_info, is_ipv6), offsetof(url_info, ai));
-    EXPECT_EQ(sizeof(((url_info *)nullptr)->addr), 28u);
-    EXPECT_EQ(offsetof(url_info, addr), offsetof(url_info, ai) + sizeof(struct addrinfo));
-    EXPECT_GT(offsetof(url_info, resolve_state), offsetof(url_info, addr));
-}
-
 TEST(Url, CopyAndReplace) {
     UrlPtr src(url_parse("https://u@h1.lan:8443/a?b"));
     ASSERT_NE(src.get(), nullptr);

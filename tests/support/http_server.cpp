@@ -53,6 +53,38 @@ std::string trim(const std::string &s) {
 
 }  // namespace
 
+HttpRequest parse_request_head(const std::string &head) {
+    HttpRequest req;
+    size_t eol = head.find("\r\n");
+    req.line = head.substr(0, eol);
+    size_t sp = req.line.find(' ');
+    req.method = req.line.substr(0, sp);
+    if (sp != std::string::npos)
+        req.target = req.line.substr(sp + 1, req.line.find(' ', sp + 1) - sp - 1);
+    while (eol != std::string::npos) {
+        size_t next = head.find("\r\n", eol + 2);
+        std::string h =
+            head.substr(eol + 2, next == std::string::npos ? std::string::npos : next - eol - 2);
+        size_t colon = h.find(':');
+        if (colon != std::string::npos)
+            req.headers.emplace_back(h.substr(0, colon), trim(h.substr(colon + 1)));
+        eol = next;
+    }
+    return req;
+}
+
+std::string format_response(const HttpResponse &resp) {
+    std::string out = "HTTP/1.1 " + std::to_string(resp.status) + " " + resp.reason + "\r\n";
+    bool has_type = false;
+    for (const auto &h : resp.headers) {
+        out += h.first + ": " + h.second + "\r\n";
+        if (strcasecmp(h.first.c_str(), "Content-Type") == 0) has_type = true;
+    }
+    if (!has_type) out += "Content-Type: text/plain\r\n";
+    out += "Content-Length: " + std::to_string(resp.body.size()) + "\r\nConnection: close\r\n\r\n";
+    return out + resp.body;
+}
+
 std::string HttpRequest::header(const std::string &name) const {
     for (const auto &h : headers)
         if (strcasecmp(h.first.c_str(), name.c_str()) == 0) return h.second;
@@ -165,24 +197,8 @@ void HttpServer::serve(int fd) {
         size_t head_end;
         while ((head_end = in.find("\r\n\r\n")) == std::string::npos)
             if (!fill(in.size() + 1)) return;
-        HttpRequest req;
-        std::string head = in.substr(0, head_end);
+        HttpRequest req = parse_request_head(in.substr(0, head_end));
         in.erase(0, head_end + 4);
-        size_t eol = head.find("\r\n");
-        req.line = head.substr(0, eol);
-        size_t sp = req.line.find(' ');
-        req.method = req.line.substr(0, sp);
-        if (sp != std::string::npos)
-            req.target = req.line.substr(sp + 1, req.line.find(' ', sp + 1) - sp - 1);
-        while (eol != std::string::npos) {
-            size_t next = head.find("\r\n", eol + 2);
-            std::string h = head.substr(
-                eol + 2, next == std::string::npos ? std::string::npos : next - eol - 2);
-            size_t colon = h.find(':');
-            if (colon != std::string::npos)
-                req.headers.emplace_back(h.substr(0, colon), trim(h.substr(colon + 1)));
-            eol = next;
-        }
         if (strcasecmp(req.header("Expect").c_str(), "100-continue") == 0 &&
             !send_all(fd, "HTTP/1.1 100 Continue\r\n\r\n"))
             return;
@@ -205,17 +221,7 @@ void HttpServer::serve(int fd) {
                 if (wait_readable(fd, wake_[0], 200) == 1 && recv(fd, c, sizeof c, 0) <= 0) return;
             return;
         }
-        std::string out = "HTTP/1.1 " + std::to_string(resp.status) + " " + resp.reason + "\r\n";
-        bool has_type = false;
-        for (const auto &h : resp.headers) {
-            out += h.first + ": " + h.second + "\r\n";
-            if (strcasecmp(h.first.c_str(), "Content-Type") == 0) has_type = true;
-        }
-        if (!has_type) out += "Content-Type: text/plain\r\n";
-        out +=
-            "Content-Length: " + std::to_string(resp.body.size()) + "\r\nConnection: close\r\n\r\n";
-        out += resp.body;
-        send_all(fd, out);
+        send_all(fd, format_response(resp));
     }
 }
 

@@ -42,6 +42,11 @@ struct HttpResponse {
     bool hang = false;
 };
 
+// A request head without its blank line: method line and headers.
+HttpRequest parse_request_head(const std::string &head);
+// The wire form of a response; it always closes the connection.
+std::string format_response(const HttpResponse &response);
+
 class HttpServer {
 public:
     using Handler = std::function<HttpResponse(const HttpRequest &)>;
