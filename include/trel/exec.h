@@ -38,10 +38,11 @@ void syswrapper_impl(int wait_for_exit, const char *verb, ...) TREL_NOEXCEPT;
 void forkexec(char *const argv[]) TREL_NOEXCEPT;
 
 /* Standard output of a shell command, cut to size - 1 bytes and NUL-ended.
- * Returns the number of bytes stored, -1 when the command cannot start. */
+ * Returns the number of bytes stored, -1 when the command cannot start (or
+ * when buf is null or size 0: then nothing is run). */
 int popen_get_output(const char *command, char *buf, size_t size) TREL_NOEXCEPT;
 /* Standard output of a shell command as a heap text of at most max - 1
- * characters (caller frees); null on failure. */
+ * characters (caller frees); null on failure, also for a max of 0. */
 char *popen_alloc_output(const char *command, size_t max) TREL_NOEXCEPT;
 
 TREL_END_DECLS
