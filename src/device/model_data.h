@@ -15,9 +15,7 @@ inline constexpr uint16_t kMakerVendorId = 0x7A1E;
 
 // ---- Model ids ---------------------------------------------------------------
 
-// Models of the board table.
-inline constexpr uint16_t kHarborSwP = 0xEE7C;  // PoE switch
-inline constexpr uint16_t kHarborAp7 = 0xA6C2;  // dual-band access point
+inline constexpr uint16_t kHarborSwP = 0xEE7C;  // the one row of the board table
 
 template <int N>
 struct IdSet {
@@ -32,7 +30,8 @@ template <typename... T>
 IdSet(T...) -> IdSet<sizeof...(T)>;
 
 inline constexpr IdSet kGen1{uint16_t{0xA101}, uint16_t{0xA102}, uint16_t{0xA103}};
-inline constexpr IdSet kGen2{uint16_t{0xA201}, uint16_t{0xA202}, uint16_t{0xA203}, kHarborAp7};
+inline constexpr IdSet kGen2{uint16_t{0xA201}, uint16_t{0xA202}, uint16_t{0xA203},
+                             uint16_t{0xA204}};
 inline constexpr IdSet kGen3QV{uint16_t{0xA311}, uint16_t{0xA312}};
 inline constexpr IdSet kSingle5GhzGen3{uint16_t{0xA301}, uint16_t{0xA302}, uint16_t{0xA303}};
 inline constexpr uint16_t kKx = 0xB500;
@@ -52,7 +51,7 @@ inline constexpr IdSet kWifiOnly{uint16_t{0xD010}, uint16_t{0xD011}, uint16_t{0x
 inline constexpr uint16_t kForceDetectLoop = 0xD010;  // and the next id
 
 inline constexpr IdSet kOldWifi{uint16_t{0xA101}, uint16_t{0xA102}, uint16_t{0xA103},
-                                uint16_t{0xA202}, kHarborAp7};
+                                uint16_t{0xA201}, uint16_t{0xA202}};
 inline constexpr IdSet kBleFastAdopt{uint16_t{0xC601}, uint16_t{0xC602}, uint16_t{0xC620},
                                      uint16_t{0xC622}, uint16_t{0xC701}};
 
@@ -85,7 +84,7 @@ struct RevTable {
     RevRow rows[3];
 };
 inline constexpr RevTable kRevTables[] = {
-    {kHarborAp7, {{0x03092A, -1, 12}, {0x030900, 13, 255}, {TREL_FW_COMPAT_END, 256, 0x7FFFFFFF}}},
+    {0xA201, {{0x03092A, -1, 12}, {0x030900, 13, 255}, {TREL_FW_COMPAT_END, 256, 0x7FFFFFFF}}},
     {0xA202, {{0x03092A, -1, 29}, {0x030900, 30, 255}, {TREL_FW_COMPAT_END, 256, 0x7FFFFFFF}}},
     {0xA101, {{0x020300, -1, 23}, {0x020404, 24, 255}, {TREL_FW_COMPAT_END, 256, 0x7FFFFFFF}}},
 };
@@ -132,47 +131,6 @@ inline constexpr trel_board kBoardTable[] = {
         .boardrevision = -1,
         .country = 0,
         .platform = "HRB-SW-P",
-    },
-    {
-        .name = "Harbor AP-7",
-        .cpuid = 0,
-        .cpu_mac = {},
-        .num_port_groups = 1,
-        .port_groups = {{2, {{4, 1, "PoE In + Data"}, {3, 2, "PoE Out"}}}},
-        .num_radios = 2,
-        .radios =
-            {
-                {"wifi0",
-                 "2.4 GHz",
-                 0x168C,
-                 0x0A2C,
-                 0x7A1E,
-                 0xA6C2,
-                 1,
-                 TREL_RADIO_BAND_2G,
-                 2,
-                 23,
-                 {}},
-                {"wifi1",
-                 "5 GHz",
-                 0x168C,
-                 0x0A5C,
-                 0x7A1E,
-                 0xA6C2,
-                 1,
-                 TREL_RADIO_BAND_5G,
-                 4,
-                 26,
-                 {}},
-            },
-        .system_id = kHarborAp7,
-        .poe_budget = 15,
-        .poe_reserved = 2,
-        .fw_compat = 0x030000,
-        .hw_cpuid = 0,
-        .boardrevision = -1,
-        .country = 0,
-        .platform = "HRB-AP-7",
     },
 };
 

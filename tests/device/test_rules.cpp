@@ -52,12 +52,12 @@ TEST(Rules, RevisionTables) {
         int32_t rev;
         uint32_t expect;
     } const cases[] = {
-        {0xA6C2, -1, 0x03092A},
-        {0xA6C2, 12, 0x03092A},
-        {0xA6C2, 13, 0x030900},
-        {0xA6C2, 255, 0x030900},
-        {0xA6C2, 256, 0xFFFFFF},
-        {0xA6C2, -2, 0xFFFFFF},
+        {0xA201, -1, 0x03092A},
+        {0xA201, 12, 0x03092A},
+        {0xA201, 13, 0x030900},
+        {0xA201, 255, 0x030900},
+        {0xA201, 256, 0xFFFFFF},
+        {0xA201, -2, 0xFFFFFF},
         {0xA202, 29, 0x03092A},
         {0xA202, 30, 0x030900},
         {0xA202, 0x7FFFFFFF, 0xFFFFFF},
@@ -85,7 +85,7 @@ TEST(Rules, BomTable) {
     EXPECT_EQ(fw_compat(0xEE7C, 0, 0, 0x050000), 0x050000u);
     EXPECT_EQ(g_bomrev_calls, 5);
     g_bomrev = 0x2E800;
-    EXPECT_EQ(fw_compat(0xA6C2, 0x123456, 0), 0x03092Au);
+    EXPECT_EQ(fw_compat(0xA201, 0x123456, 0), 0x03092Au);
     EXPECT_EQ(g_bomrev_calls, 5);  // other models never read it
 }
 
