@@ -217,8 +217,13 @@ json_t *interface_json(const std::string &ifname) {
                         json_pack("{s:I, s:I, s:I, s:I}", "bytes", (json_int_t)st.tx_bytes,
                                   "packets", (json_int_t)st.tx_packets, "errors",
                                   (json_int_t)st.tx_errors, "dropped", (json_int_t)st.tx_dropped));
-    json_object_set_new(o, "speed", json_integer(st.speed));
-    json_object_set_new(o, "duplex", json_integer(st.duplex));
+    // Mb/s; 0 (no reading) and all ones (no link settings) show as unknown.
+    json_object_set_new(
+        o, "speed", st.speed == 0 || st.speed == UINT32_MAX ? json_null() : json_integer(st.speed));
+    json_object_set_new(o, "duplex",
+                        st.duplex == 0   ? json_string("half")
+                        : st.duplex == 1 ? json_string("full")
+                                         : json_null());
     int link = get_ethtool_link_status(ifname.c_str());
     json_object_set_new(o, "link", link < 0 ? json_null() : json_boolean(link));
     return o;
