@@ -13,3 +13,12 @@ run read /proc/trelhal/system.info serialno
 run --json read /proc/trelhal/system.info eth0.macaddr
 run reduce-path /var/run/../tmp//system.cfg
 run hexdump /var/run/ipready.br0
+run board
+run status eth0
+run cfg get mgmt.vesk.env
+run cfg section radio. --postfix .mode
+run --json cfg get radio.1.channel --type int32
+echo "\$ printf 'hello' | trel sha256 -"
+printf 'hello' | "$trel" sha256 -
+echo
+run syswrapper reload
