@@ -17,6 +17,10 @@ install(FILES "${PROJECT_BINARY_DIR}/libtrelConfig.cmake"
               "${PROJECT_BINARY_DIR}/libtrelConfigVersion.cmake"
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/libtrel COMPONENT dev)
 
+# The pkg-config file locates the prefix relative to itself, so an installed
+# tree can be moved.
+file(RELATIVE_PATH TREL_PC_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+string(REGEX REPLACE "/$" "" TREL_PC_TO_PREFIX "${TREL_PC_TO_PREFIX}")
 configure_file(cmake/libtrel.pc.in "${PROJECT_BINARY_DIR}/libtrel.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/libtrel.pc"
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
