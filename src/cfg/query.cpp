@@ -193,16 +193,22 @@ TREL_API const char *get_esc_value(cfg_entry *cfg, const char *def, const char *
 
 // The numeric getters deliberately leave errno as they find it: a range error
 // left over from an earlier call also yields the default.
+template <typename T, typename Wide>
+static T to_number(const char *v, T def, Wide (*convert)(const char *, char **, int),
+                   int base) noexcept {
+    if (v == nullptr) return def;
+    char *end;
+    Wide n = convert(v, &end, base);
+    if (end == v || errno == ERANGE) return def;
+    return (T)n;
+}
+
 TREL_API int32_t get_int32(cfg_entry *cfg, int32_t def, const char *fmt, ...) noexcept {
     va_list ap;
     va_start(ap, fmt);
     const char *v = vget_value(cfg, nullptr, fmt, 0, ap);
     va_end(ap);
-    if (v == nullptr) return def;
-    char *end;
-    long n = strtol(v, &end, 0);
-    if (end == v || errno == ERANGE) return def;
-    return (int32_t)n;
+    return to_number(v, def, strtol, 0);
 }
 
 TREL_API uint32_t get_uint32(cfg_entry *cfg, uint32_t def, const char *fmt, ...) noexcept {
@@ -210,11 +216,7 @@ TREL_API uint32_t get_uint32(cfg_entry *cfg, uint32_t def, const char *fmt, ...)
     va_start(ap, fmt);
     const char *v = vget_value(cfg, nullptr, fmt, 0, ap);
     va_end(ap);
-    if (v == nullptr) return def;
-    char *end;
-    unsigned long n = strtoul(v, &end, 0);
-    if (end == v || errno == ERANGE) return def;
-    return (uint32_t)n;
+    return to_number(v, def, strtoul, 0);
 }
 
 TREL_API int32_t get_int32_dec(cfg_entry *cfg, int32_t def, const char *fmt, ...) noexcept {
@@ -222,11 +224,7 @@ TREL_API int32_t get_int32_dec(cfg_entry *cfg, int32_t def, const char *fmt, ...
     va_start(ap, fmt);
     const char *v = vget_value(cfg, nullptr, fmt, 0, ap);
     va_end(ap);
-    if (v == nullptr) return def;
-    char *end;
-    long n = strtol(v, &end, 10);
-    if (end == v || errno == ERANGE) return def;
-    return (int32_t)n;
+    return to_number(v, def, strtol, 10);
 }
 
 TREL_API int64_t get_int64(cfg_entry *cfg, int64_t def, const char *fmt, ...) noexcept {
@@ -234,11 +232,7 @@ TREL_API int64_t get_int64(cfg_entry *cfg, int64_t def, const char *fmt, ...) no
     va_start(ap, fmt);
     const char *v = vget_value(cfg, nullptr, fmt, 0, ap);
     va_end(ap);
-    if (v == nullptr) return def;
-    char *end;
-    long long n = strtoll(v, &end, 0);
-    if (end == v || errno == ERANGE) return def;
-    return (int64_t)n;
+    return to_number(v, def, strtoll, 0);
 }
 
 TREL_API int get_bool(cfg_entry *cfg, int def, const char *fmt, ...) noexcept {
