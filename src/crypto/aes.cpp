@@ -9,6 +9,8 @@
 
 #include "core/api.h"
 
+#include "crypto/bytes.h"
+
 namespace {
 
 // ---- Tables, computed at compile time from GF(2^8) arithmetic ---------------
@@ -102,16 +104,8 @@ static_assert(Te0[0] == 0xc66363a5 && Te0[1] == 0xf87c7c84 && Te1[0] == 0xa5c663
 static_assert(Td0[0] == 0x51f4a750 && Td0[1] == 0x7e416553 && Td1[0] == 0x5051f4a7 &&
               Td3[0] == 0xf4a75051);
 
-inline uint32_t load_be(const uint8_t *p) {
-    return ((uint32_t)p[0] << 24) | ((uint32_t)p[1] << 16) | ((uint32_t)p[2] << 8) | p[3];
-}
-
-inline void store_be(uint8_t *p, uint32_t v) {
-    p[0] = (uint8_t)(v >> 24);
-    p[1] = (uint8_t)(v >> 16);
-    p[2] = (uint8_t)(v >> 8);
-    p[3] = (uint8_t)v;
-}
+using trel::load_be;
+using trel::store_be;
 
 inline uint32_t sub_word(uint32_t w) {
     return word(kSbox[w >> 24], kSbox[(w >> 16) & 0xff], kSbox[(w >> 8) & 0xff], kSbox[w & 0xff]);

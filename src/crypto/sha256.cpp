@@ -7,6 +7,8 @@
 
 #include "core/api.h"
 
+#include "crypto/bytes.h"
+
 namespace {
 
 constexpr uint32_t kInit[8] = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
@@ -24,16 +26,8 @@ constexpr uint32_t K[64] = {
 
 inline uint32_t rotr(uint32_t x, int n) { return (x >> n) | (x << (32 - n)); }
 
-inline uint32_t load_be(const uint8_t *p) {
-    return ((uint32_t)p[0] << 24) | ((uint32_t)p[1] << 16) | ((uint32_t)p[2] << 8) | p[3];
-}
-
-inline void store_be(uint8_t *p, uint32_t v) {
-    p[0] = (uint8_t)(v >> 24);
-    p[1] = (uint8_t)(v >> 16);
-    p[2] = (uint8_t)(v >> 8);
-    p[3] = (uint8_t)v;
-}
+using trel::load_be;
+using trel::store_be;
 
 // Four schedule words at a time in vector registers (SSE2 or NEON through
 // the compiler's generic vectors); the rounds stay scalar.
