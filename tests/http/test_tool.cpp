@@ -4,46 +4,37 @@
 
 #include <string>
 
-#include "http_server.h"
+#include "http_test.h"
 #include "trel_test.h"
 
 namespace {
 
 #ifdef TREL_TOOL_PATH
-// Runs the tool with a shell argument string; standard output and the exit
-// status.
+// Runs the tool with a shell argument string; standard output, and the exit
+// status in *status.
 std::string run_tool(const std::string &args, int *status) {
-    std::string cmd = std::string(TREL_TOOL_PATH) + " " + args + " 2>/dev/null";
-    FILE *p = popen(cmd.c_str(), "r");
+    FILE *p = popen((TREL_TOOL_PATH " " + args + " 2>/dev/null").c_str(), "r");
     std::string out;
     char buf[4096];
     size_t n;
-    while (p != nullptr && (n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    int rc = p != nullptr ? pclose(p) : -1;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    int rc = pclose(p);
     *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
     return out;
 }
 
 TEST(Tool, HttpCommands) {
     trel_test::HttpServer server;
-    trel_test::HttpResponse created;
-    created.status = 201;
-    created.reason = "Created";
-    created.body = "0123456789";
-    server.add_response(created);
-    trel_test::HttpResponse missing;
-    missing.status = 404;
-    missing.body = "gone";
-    server.add_response(missing);
-
+    server.add_response(reply(201, "0123456789"));
+    server.add_response(reply(404, "gone"));
     std::string dir = trel_test::make_temp_dir();
     trel_test::write_file(dir + "/p.json", "{ \"a\": [1, 2] }\n");
     int status = -1;
-    std::string out = run_tool(
-        "http post " + server.url("/in") + " --json " + dir + "/p.json --max-size 4", &status);
+    EXPECT_EQ(run_tool("http post " + server.url("/in") + " --json " + dir + "/p.json --max-size 4",
+                       &status),
+              "HTTP 201\n0123\n");
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(out, "HTTP 201\n0123\n");
-    out = run_tool("--json http get " + server.url("/x"), &status);
+    std::string out = run_tool("--json http get " + server.url("/x"), &status);
     EXPECT_EQ(status, 0);
     EXPECT_NE(out.find("\"status\": 404"), std::string::npos) << out;
     EXPECT_NE(out.find("\"body\": \"gone\""), std::string::npos) << out;

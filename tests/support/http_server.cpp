@@ -10,8 +10,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <chrono>
-
 #include <gtest/gtest.h>
 
 namespace trel_test {
@@ -19,6 +17,18 @@ namespace trel_test {
 namespace {
 
 constexpr size_t kMaxRequestBytes = 16 << 20;
+constexpr int kIdleMs = 10000;  // silence tolerated on one connection
+constexpr int kLifetimeMs = 60000;
+
+// The socket as is.
+struct PlainStream : HttpStream {
+    int fd;
+    explicit PlainStream(int f) : fd(f) {}
+    ssize_t read(void *buf, size_t size) override { return recv(fd, buf, size, 0); }
+    ssize_t write(const void *buf, size_t size) override {
+        return send(fd, buf, size, MSG_NOSIGNAL);
+    }
+};
 
 int64_t now_ms() {
     struct timespec ts;
@@ -30,15 +40,13 @@ int64_t now_ms() {
 // 1 readable, 0 timeout or woken.
 int wait_readable(int fd, int wake_fd, int timeout_ms) {
     struct pollfd p[2] = {{fd, POLLIN, 0}, {wake_fd, POLLIN, 0}};
-    int rc = poll(p, 2, timeout_ms);
-    if (rc <= 0 || (p[1].revents & POLLIN)) return 0;
-    return 1;
+    return poll(p, 2, timeout_ms) > 0 && !(p[1].revents & POLLIN) ? 1 : 0;
 }
 
-bool send_all(int fd, const std::string &data) {
+bool send_all(HttpStream &out, const std::string &data) {
     size_t off = 0;
     while (off < data.size()) {
-        ssize_t n = send(fd, data.data() + off, data.size() - off, MSG_NOSIGNAL);
+        ssize_t n = out.write(data.data() + off, data.size() - off);
         if (n <= 0) return false;
         off += (size_t)n;
     }
@@ -51,16 +59,11 @@ std::string trim(const std::string &s) {
     return a == std::string::npos ? "" : s.substr(a, b - a + 1);
 }
 
-}  // namespace
-
+// A request head without its blank line: method line and headers.
 HttpRequest parse_request_head(const std::string &head) {
     HttpRequest req;
     size_t eol = head.find("\r\n");
     req.line = head.substr(0, eol);
-    size_t sp = req.line.find(' ');
-    req.method = req.line.substr(0, sp);
-    if (sp != std::string::npos)
-        req.target = req.line.substr(sp + 1, req.line.find(' ', sp + 1) - sp - 1);
     while (eol != std::string::npos) {
         size_t next = head.find("\r\n", eol + 2);
         std::string h =
@@ -73,6 +76,7 @@ HttpRequest parse_request_head(const std::string &head) {
     return req;
 }
 
+// The wire form of a response; it always closes the connection.
 std::string format_response(const HttpResponse &resp) {
     std::string out = "HTTP/1.1 " + std::to_string(resp.status) + " " + resp.reason + "\r\n";
     bool has_type = false;
@@ -85,22 +89,16 @@ std::string format_response(const HttpResponse &resp) {
     return out + resp.body;
 }
 
+}  // namespace
+
 std::string HttpRequest::header(const std::string &name) const {
     for (const auto &h : headers)
         if (strcasecmp(h.first.c_str(), name.c_str()) == 0) return h.second;
     return "";
 }
 
-bool HttpRequest::has_header(const std::string &name) const {
-    for (const auto &h : headers)
-        if (strcasecmp(h.first.c_str(), name.c_str()) == 0) return true;
-    return false;
-}
-
-HttpServer::HttpServer(Handler handler) : HttpServer(std::move(handler), Options{}) {}
-
-HttpServer::HttpServer(Handler handler, Options options)
-    : handler_(std::move(handler)), options_(options) {
+HttpServer::HttpServer(Handler handler, StreamFactory wrap)
+    : handler_(std::move(handler)), wrap_(std::move(wrap)) {
     listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int one = 1;
     setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
@@ -116,7 +114,7 @@ HttpServer::HttpServer(Handler handler, Options options)
         return;
     }
     port_ = ntohs(sin.sin_port);
-    deadline_ = now_ms() + (int64_t)options_.lifetime_seconds * 1000;
+    deadline_ = now_ms() + kLifetimeMs;
     thread_ = std::thread([this] { run(); });
 }
 
@@ -149,12 +147,6 @@ std::vector<HttpRequest> HttpServer::requests() const {
     return requests_;
 }
 
-bool HttpServer::wait_requests(size_t n, int timeout_ms) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
-                        [&] { return requests_.size() >= n; });
-}
-
 HttpResponse HttpServer::respond(const HttpRequest &request) {
     if (handler_) return handler_(request);
     std::lock_guard<std::mutex> lock(mutex_);
@@ -165,7 +157,7 @@ HttpResponse HttpServer::respond(const HttpRequest &request) {
 }
 
 void HttpServer::run() {
-    while (!stopping_ && connections_ < options_.max_connections) {
+    while (!stopping_) {
         int64_t left = deadline_ - now_ms();
         if (left <= 0) break;
         if (wait_readable(listen_fd_, wake_[0], (int)(left < 200 ? left : 200)) != 1) continue;
@@ -179,50 +171,48 @@ void HttpServer::run() {
 
 // Serves one request on a connection (every response closes it).
 void HttpServer::serve(int fd) {
+    std::unique_ptr<HttpStream> stream(wrap_ ? wrap_(fd) : std::make_unique<PlainStream>(fd));
+    if (!stream) return;
     std::string in;
-    const int idle_ms = options_.idle_seconds * 1000;
     auto fill = [&](size_t want) {
         // Reads until in holds want bytes; false on close, silence or stop.
         char chunk[16384];
         while (in.size() < want) {
-            if (stopping_ || wait_readable(fd, wake_[0], idle_ms) != 1) return false;
-            ssize_t n = recv(fd, chunk, sizeof chunk, 0);
+            if (stopping_ || (!stream->buffered() && wait_readable(fd, wake_[0], kIdleMs) != 1))
+                return false;
+            ssize_t n = stream->read(chunk, sizeof chunk);
             if (n <= 0) return false;
             in.append(chunk, (size_t)n);
             if (in.size() > kMaxRequestBytes) return false;
         }
         return true;
     };
-    {
-        size_t head_end;
-        while ((head_end = in.find("\r\n\r\n")) == std::string::npos)
-            if (!fill(in.size() + 1)) return;
-        HttpRequest req = parse_request_head(in.substr(0, head_end));
-        in.erase(0, head_end + 4);
-        if (strcasecmp(req.header("Expect").c_str(), "100-continue") == 0 &&
-            !send_all(fd, "HTTP/1.1 100 Continue\r\n\r\n"))
-            return;
-        size_t length = (size_t)strtoull(req.header("Content-Length").c_str(), nullptr, 10);
-        if (length > kMaxRequestBytes || !fill(length)) return;
-        req.body = in.substr(0, length);
-        in.erase(0, length);
+    size_t head_end;
+    while ((head_end = in.find("\r\n\r\n")) == std::string::npos)
+        if (!fill(in.size() + 1)) return;
+    HttpRequest req = parse_request_head(in.substr(0, head_end));
+    in.erase(0, head_end + 4);
+    if (strcasecmp(req.header("Expect").c_str(), "100-continue") == 0 &&
+        !send_all(*stream, "HTTP/1.1 100 Continue\r\n\r\n"))
+        return;
+    size_t length = (size_t)strtoull(req.header("Content-Length").c_str(), nullptr, 10);
+    if (length > kMaxRequestBytes || !fill(length)) return;
+    req.body = in.substr(0, length);
 
-        HttpResponse resp = respond(req);
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            requests_.push_back(req);
-        }
-        cv_.notify_all();
-        if (resp.hang) {
-            // Wait for the client to give up, the server to stop or its
-            // lifetime to end.
-            char c[256];
-            while (!stopping_ && now_ms() < deadline_)
-                if (wait_readable(fd, wake_[0], 200) == 1 && recv(fd, c, sizeof c, 0) <= 0) return;
-            return;
-        }
-        send_all(fd, format_response(resp));
+    HttpResponse resp = respond(req);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        requests_.push_back(req);
     }
+    if (resp.hang) {
+        // Wait for the client to give up, the server to stop or its
+        // lifetime to end.
+        char c[256];
+        while (!stopping_ && now_ms() < deadline_)
+            if (wait_readable(fd, wake_[0], 200) == 1 && recv(fd, c, sizeof c, 0) <= 0) return;
+        return;
+    }
+    send_all(*stream, format_response(resp));
 }
 
 }  // namespace trel_test

@@ -1,16 +1,17 @@
 // A loopback HTTP/1.1 server for tests: real sockets on 127.0.0.1 and an
 // ephemeral port, one thread serving one connection at a time, canned or
-// computed responses, and a record of every request.  Bounded: it serves at
-// most max_connections connections, gives up on a connection after a few
-// seconds of silence and stops by itself after its lifetime.
+// computed responses, and a record of every request.  Bounded: it gives up on
+// a connection after 10 seconds of silence and stops by itself after a
+// minute.  A stream factory can put another layer (TLS) over each connection.
 #pragma once
 
 #include <stdint.h>
+#include <sys/types.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -23,13 +24,10 @@ using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 
 struct HttpRequest {
     std::string line;     // the method line, e.g. "GET /x HTTP/1.1"
-    std::string method;   // "GET"
-    std::string target;   // "/x"
     HttpHeaders headers;  // in order, names as sent
     std::string body;
     // Value of the first header of that name (case-insensitive), "" if none.
     std::string header(const std::string &name) const;
-    bool has_header(const std::string &name) const;
 };
 
 struct HttpResponse {
@@ -42,25 +40,25 @@ struct HttpResponse {
     bool hang = false;
 };
 
-// A request head without its blank line: method line and headers.
-HttpRequest parse_request_head(const std::string &head);
-// The wire form of a response; it always closes the connection.
-std::string format_response(const HttpResponse &response);
+// The bytes of one connection.
+struct HttpStream {
+    virtual ~HttpStream() = default;
+    virtual ssize_t read(void *buf, size_t size) = 0;
+    virtual ssize_t write(const void *buf, size_t size) = 0;
+    // Bytes already read from the socket and not yet returned.
+    virtual bool buffered() { return false; }
+};
+
 
 class HttpServer {
 public:
     using Handler = std::function<HttpResponse(const HttpRequest &)>;
-
-    struct Options {
-        int max_connections = 64;
-        int lifetime_seconds = 60;
-        int idle_seconds = 10;  // silence tolerated on one connection
-    };
+    // Wraps an accepted socket; nullptr drops the connection.
+    using StreamFactory = std::function<std::unique_ptr<HttpStream>(int fd)>;
 
     // Without a handler, queued responses are sent in order, then 200 with an
-    // empty body.
-    explicit HttpServer(Handler handler = nullptr);
-    HttpServer(Handler handler, Options options);
+    // empty body.  Without a factory the socket is read and written as is.
+    explicit HttpServer(Handler handler = nullptr, StreamFactory wrap = nullptr);
     ~HttpServer();
     HttpServer(const HttpServer &) = delete;
     HttpServer &operator=(const HttpServer &) = delete;
@@ -71,8 +69,6 @@ public:
     std::string url(const std::string &path = "/") const;
     // Requests seen so far (complete ones only).
     std::vector<HttpRequest> requests() const;
-    // Waits until at least n requests were seen or the timeout passed.
-    bool wait_requests(size_t n, int timeout_ms) const;
     int connections() const { return connections_.load(); }
     void stop();
 
@@ -82,7 +78,7 @@ private:
     HttpResponse respond(const HttpRequest &request);
 
     Handler handler_;
-    Options options_;
+    StreamFactory wrap_;
     int listen_fd_ = -1;
     int wake_[2] = {-1, -1};
     uint16_t port_ = 0;
@@ -90,7 +86,6 @@ private:
     std::atomic<bool> stopping_{false};
     std::atomic<int> connections_{0};
     mutable std::mutex mutex_;
-    mutable std::condition_variable cv_;
     std::deque<HttpResponse> queue_;
     std::vector<HttpRequest> requests_;
     std::thread thread_;
