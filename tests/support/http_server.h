@@ -49,7 +49,6 @@ struct HttpStream {
     virtual bool buffered() { return false; }
 };
 
-
 class HttpServer {
 public:
     using Handler = std::function<HttpResponse(const HttpRequest &)>;
