@@ -1,0 +1,364 @@
+// Configuration store: parsing, key order, queries, sections, diffs and
+// allocation failures.  Failures are injected by replacing malloc and calloc
+// in this program (not possible under AddressSanitizer, which owns the
+// allocator).
+#include <errno.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <trel/cfg.h>
+
+#include "trel_test.h"
+
+using trel_test::LogCapture;
+using Lines = std::vector<std::string>;
+
+#if defined(__SANITIZE_ADDRESS__)
+#define CFG_NO_INJECTION 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define CFG_NO_INJECTION 1
+#endif
+#endif
+
+namespace {
+
+// Allocations left before the one that fails; negative: none fails.
+long g_fail_in = -1;
+bool g_failed = false;
+
+// Runs f with the allocation after n others failing.
+template <typename F>
+auto with_failure(long n, F f) {
+    g_fail_in = n;
+    g_failed = false;
+    auto r = f();
+    g_fail_in = -1;
+    return r;
+}
+
+// Parses text through an in-memory stream.
+cfg_entry *parse_text(const std::string &text) {
+    FILE *f = fmemopen(const_cast<char *>(text.data()), text.size(), "r");
+    if (f == nullptr) return nullptr;
+    cfg_entry *cfg = parse_stream(f);
+    fclose(f);
+    return cfg;
+}
+
+// "key=value" for every node of a list.
+Lines dump(const cfg_entry *list) {
+    Lines out;
+    for (; list != nullptr; list = list->next)
+        out.push_back(std::string(list->key) + "=" + list->value);
+    return out;
+}
+
+}  // namespace
+
+#ifndef CFG_NO_INJECTION
+extern "C" void *__libc_malloc(size_t);
+extern "C" void *__libc_calloc(size_t, size_t);
+
+static bool should_fail() {
+    if (g_fail_in < 0 || g_fail_in-- > 0) return false;
+    g_failed = true;
+    return true;
+}
+
+extern "C" void *malloc(size_t size) { return should_fail() ? nullptr : __libc_malloc(size); }
+extern "C" void *calloc(size_t n, size_t size) {
+    return should_fail() ? nullptr : __libc_calloc(n, size);
+}
+#define SKIP_WITHOUT_INJECTION()
+#else
+#define SKIP_WITHOUT_INJECTION() GTEST_SKIP() << "allocation failures cannot be injected under ASan"
+#endif
+
+TEST(CfgParse, LineRules) {
+    cfg_entry *cfg = parse_text(
+        "# comment=1\n\n\r\nno equals sign\n"
+        "a.b=c\n \ta.c \t=  c \n  =blank key\n #k=not a comment\n"
+        "x=1=2\nempty=\ncrlf=v\r\nlast=abc");
+    EXPECT_EQ(dump(cfg), (Lines{"a.b=c", "a.c=  c ", "=blank key", "#k=not a comment", "x=1=2",
+                                "empty=", "crlf=v\r", "last=ab"}));
+    for (cfg_entry *e = cfg; e != nullptr; e = e->next) EXPECT_EQ(e->esc, nullptr);
+    free_cfg(cfg);
+
+    EXPECT_EQ(parse_text("# only\n#comments\n\n"), nullptr);
+    EXPECT_EQ(parse_stream(nullptr), nullptr);
+    EXPECT_EQ(parse("/no/such/system.cfg"), nullptr);
+    free_cfg(nullptr);
+}
+
+TEST(CfgParse, DuplicatesMergeOnlyAfterMiscMarker) {
+    // Duplicates before the marker stay (lookups find the first); after it, a
+    // repeated key updates the first entry in place, keeping its position and
+    // spelling.
+    cfg_entry *cfg = parse_text(
+        "Radio.1.Mode=ap\nx=1\nx=2\n#misc\nradio.1.mode=sta\n# miscellaneous\n"
+        "y=3\nRADIO.1.MODE=mesh\nX=9\nz=4\n");
+    EXPECT_EQ(dump(cfg),
+              (Lines{"Radio.1.Mode=mesh", "x=9", "x=2", "radio.1.mode=sta", "y=3", "z=4"}));
+    EXPECT_STREQ(get_value(cfg, "d", "X"), "9");
+    free_cfg(cfg);
+}
+
+TEST(CfgParse, BadInput) {
+    std::string big(1 << 20, 'v');
+    cfg_entry *cfg = parse_text("k=" + big + "\nafter=1\n");
+    ASSERT_EQ(get_cfg_count(cfg), 2u);
+    EXPECT_EQ(strlen(cfg->value), big.size());
+    EXPECT_STREQ(get_value(cfg, nullptr, "after"), "1");
+    free_cfg(cfg);
+
+    // A NUL byte ends the text of a key or value; the line is still read to
+    // its newline.
+    cfg = parse_text(std::string("nul=ab\0cd\nk\0ey=v\n\0x=y\nnext=1\n", 29));
+    EXPECT_EQ(dump(cfg), (Lines{"nul=ab", "k=v", "=y", "next=1"}));
+    free_cfg(cfg);
+}
+
+TEST(CfgKeycmp, OrderAndQuirks) {
+    const char *s = "same";
+    EXPECT_EQ(cfg_keycmp(s, s), 0);
+    EXPECT_EQ(cfg_keycmp(nullptr, "a"), -1);
+    EXPECT_EQ(cfg_keycmp("a", nullptr), 1);
+    EXPECT_EQ(cfg_keycmp("Radio.1.MODE", "radio.1.mode"), 0);
+    EXPECT_LT(cfg_keycmp("Radio.2", "radio.10"), 0);
+    EXPECT_LT(cfg_keycmp("a", "a.b"), 0);
+    EXPECT_GT(cfg_keycmp("a.b", "a"), 0);
+    // A digit outweighs any other character.
+    EXPECT_GT(cfg_keycmp("a0", "a\xff"), 0);
+    // One-character advance: "0012" and "12x" tie on the first run, then the
+    // rest of the run "012" is compared with "2".
+    EXPECT_GT(cfg_keycmp("0012", "12x"), 0);
+    // Run values wrap at 32 bits: 4294967296 weighs like 0.
+    EXPECT_LT(cfg_keycmp("n.4294967296", "n.5"), 0);
+}
+
+TEST(CfgEscape, CachedEscapes) {
+    cfg_entry *cfg = parse_text("a=a$b\nall=`\\\"'$x\nplain=nothing here\n");
+    cfg_entry *plain = cfg->next->next;
+    const char *first = esc_value(cfg);
+    EXPECT_STREQ(first, "a\\$b");
+    EXPECT_EQ(esc_value(cfg), first);  // cached
+    EXPECT_EQ(esc_value(plain), plain->value);
+    EXPECT_STREQ(get_esc_value(cfg, "d", "ALL"), "\\`\\\\\\\"\\'\\$x");
+    EXPECT_STREQ(get_esc_value(cfg, "d", "missing"), "d");
+    free_cfg(cfg);  // separate caches freed, shared ones not twice
+}
+
+TEST(CfgSave, WritesHeaderAndRawLines) {
+    trel_test::TempRoot root;
+    root.mkdir("/tmp");
+    root.write("/tmp/system.cfg", std::string(5000, '#'));
+    cfg_entry *cfg = parse_text("# misc\nb=2\n a = $x \nb=3\n");
+    ASSERT_EQ(save_cfg(cfg, "/tmp/system.cfg"), 0);
+    EXPECT_EQ(root.read("/tmp/system.cfg"), "# CFG Start\nb=3\na= $x \n");
+    cfg_entry *again = parse("/tmp/system.cfg");
+    EXPECT_EQ(dump(again), dump(cfg));
+    free_cfg(again);
+    EXPECT_EQ(save_cfg(cfg, "/no/such/dir/x.cfg"), -1);
+
+    testing::internal::CaptureStdout();
+    print_cfg(cfg);
+    fflush(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "b=3\na= $x \n");
+    free_cfg(cfg);
+}
+
+TEST(CfgGetters, ValuesNumbersAndDefaults) {
+    cfg_entry *cfg = parse_text(
+        "Radio.1.Mode=ap\nradio.1.mode=second\nhex=0x10\noct=010\nword=abc\ntrail=12abc\n"
+        "big=4294967297\nhuge=99999999999999999999\numax=4294967295\n"
+        "i64=-9000000000\ni64big=9223372036854775808\n");
+    EXPECT_STREQ(get_value(cfg, "x", "radio.%d.mode", 1), "ap");
+    EXPECT_STREQ(get_value(cfg, "x", "radio.%d.mode", 2), "x");
+
+    errno = 0;
+    EXPECT_EQ(get_int32(cfg, -7, "hex"), 16);
+    EXPECT_EQ(get_int32(cfg, -7, "oct"), 8);
+    EXPECT_EQ(get_int32_dec(cfg, -7, "oct"), 10);
+    EXPECT_EQ(get_int32(cfg, -7, "word"), -7);
+    EXPECT_EQ(get_int32(cfg, -7, "trail"), 12);
+    EXPECT_EQ(get_int32(cfg, -7, "missing"), -7);
+    EXPECT_EQ(get_int32(cfg, -7, "big"), 1);  // cut to 32 bits
+    EXPECT_EQ(get_uint32(cfg, 5, "umax"), UINT32_MAX);
+    EXPECT_EQ(get_int64(cfg, 5, "i64"), -9000000000LL);
+    EXPECT_EQ(get_int32(cfg, -7, "huge"), -7);  // range error
+    EXPECT_EQ(errno, ERANGE);
+    // A range error left in errno by anything before also gives the default.
+    EXPECT_EQ(get_int32(cfg, -7, "hex"), -7);
+    EXPECT_EQ(get_uint32(cfg, 5, "hex"), 5u);
+    EXPECT_EQ(get_int64(cfg, 5, "hex"), 5);
+    errno = 0;
+    EXPECT_EQ(get_int64(cfg, 5, "i64big"), 5);
+    free_cfg(cfg);
+}
+
+TEST(CfgGetters, EnabledWords) {
+    cfg_entry *cfg = parse_text(
+        "d=enabled\r\n"
+        "t1=on\nt2= Enabled \nt3=1\nt4=enable\nt5=active\nt6=true\n"
+        "f1=\tOFF\nf2=disabled\nf3=0\nf4=disable\nf5=inactive\nf6=FALSE\n"
+        "x1=01\nx2=yes\nx3=\n");
+    EXPECT_EQ(get_bool(cfg, 7, "d"), 7);  // the carriage return stays in the value
+    EXPECT_EQ(get_bool(cfg, 7, "missing"), 7);
+    for (int i = 1; i <= 6; ++i) {
+        EXPECT_EQ(get_bool(cfg, 7, "t%d", i), 1) << i;
+        EXPECT_EQ(get_bool(cfg, 7, "f%d", i), 0) << i;
+    }
+    for (int i = 1; i <= 3; ++i) EXPECT_EQ(get_bool(cfg, -1, "x%d", i), -1) << i;
+    free_cfg(cfg);
+}
+
+TEST(CfgLists, PrefixExactAndAppend) {
+    cfg_entry *cfg = parse_text(
+        "radio.1.mode=ap\nradio.10.mode=sta\nRadio.2.mode=x\nradio.1.mode=dup\n"
+        "radio.1=on\nvlan.1.id=5\n");
+    cfg_entry *it = get_cfg_it(cfg, 0, "radio.%d", 1);
+    EXPECT_EQ(dump(it),
+              (Lines{"radio.1.mode=ap", "radio.10.mode=sta", "radio.1.mode=dup", "radio.1=on"}));
+    EXPECT_EQ(get_cfg_key_count(cfg, 0, "radio.%d", 1), 4u);
+    // Nodes borrow keys from the configuration.
+    EXPECT_EQ(it->key, cfg->key);
+
+    cfg_entry *exact = get_cfg_it(cfg, 1, "RADIO.1.MODE");
+    EXPECT_EQ(dump(exact), (Lines{"radio.1.mode=ap", "radio.1.mode=dup"}));
+    EXPECT_EQ(get_cfg_key_count(cfg, 1, "RADIO.1.MODE"), 2u);
+    EXPECT_EQ(get_cfg_it(cfg, 0, "RADIO."), nullptr);  // prefixes are case-sensitive
+
+    cfg_entry *whole = cfg_it_append(nullptr, &exact);
+    EXPECT_EQ(exact, nullptr);
+    cfg_entry *vlan = get_cfg_it(cfg, 0, "vlan.");
+    whole = cfg_it_append(whole, &vlan);
+    EXPECT_EQ(vlan, nullptr);
+    EXPECT_EQ(dump(whole), (Lines{"radio.1.mode=ap", "radio.1.mode=dup", "vlan.1.id=5"}));
+    free_cfg_it(whole);
+    free_cfg_it(it);
+    free_cfg(cfg);
+}
+
+TEST(CfgSections, MatchingSortingAndCounts) {
+    cfg_entry *cfg = parse_text(
+        "vlan.10.status=enabled\nvlan.2.status=disabled\nvlan.x.status=enabled\n"
+        "vlan.2.id=20\nvlan.3=on\nvlan.3.Status= On \nvlan.0x4.status=Enabled\n"
+        "vlan.2.STATUS=enabled\nvlanx.1.status=enabled\n");
+    cfg_entry *s = get_cfg_section(cfg, ".status", nullptr, "vlan.");
+    // Sorted stably; "0x4" sorts by its first digit: "0" weighs less than "2".
+    EXPECT_EQ(dump(s),
+              (Lines{"vlan.0x4.status=Enabled", "vlan.2.status=disabled", "vlan.2.STATUS=enabled",
+                     "vlan.3.Status= On ", "vlan.10.status=enabled"}));
+    free_cfg_it(s);
+    EXPECT_EQ(get_cfg_section_count(cfg, ".status", nullptr, "vlan."), 5u);
+    EXPECT_EQ(get_cfg_section_enabled_count(cfg, ".status", "vlan."), 4u);
+    s = get_cfg_section(cfg, ".status", "enabled", "%s.", "vlan");
+    EXPECT_EQ(dump(s), (Lines{"vlan.2.STATUS=enabled", "vlan.10.status=enabled"}));
+    free_cfg_it(s);
+    s = get_cfg_section(cfg, nullptr, nullptr, "vlan.");
+    EXPECT_EQ(dump(s), (Lines{"vlan.3=on"}));
+    free_cfg_it(s);
+
+    LogCapture cap;
+    EXPECT_EQ(get_cfg_section(cfg, "status", nullptr, "vlan."), nullptr);
+    EXPECT_TRUE(
+        cap.contains("[error] cfg.process_cfg_section(): postfix must start with '.': 'status'"))
+        << cap.text();
+    cap.clear();
+    EXPECT_EQ(get_cfg_section_count(cfg, ".status", nullptr, "vla%s", "n"), 0u);
+    EXPECT_TRUE(
+        cap.contains("[warn ] cfg.process_cfg_section(): deprecated prefix doesn't end with '.': "
+                     "'vla%s' => 'vlan'"))
+        << cap.text();
+    free_cfg(cfg);
+}
+
+TEST(CfgKeys, IndexAndElement) {
+    EXPECT_EQ(get_cfg_key_idx("radio.2.vap.3.ssid", 1), 2);
+    EXPECT_EQ(get_cfg_key_idx("radio.2.vap.3.ssid", 3), -1);
+    // Zero, non-numbers, 32-bit zeros and range errors are skipped.
+    EXPECT_EQ(get_cfg_key_idx("a.0.b.0x10x.c.4294967296.7", 1), 16);
+    EXPECT_EQ(get_cfg_key_idx("a.0.b.0x10x.c.4294967296.7", 2), 7);
+    EXPECT_EQ(get_cfg_key_idx("a.99999999999999999999.5", 1), 5);
+    EXPECT_EQ(get_cfg_key_idx("a.5", 0), -1);
+    EXPECT_EQ(get_cfg_key_idx(nullptr, 1), -1);
+    EXPECT_STREQ(get_key_element("a.b.c", 0), "a.b.c");
+    EXPECT_STREQ(get_key_element("a.b.c", 2), "c");
+    EXPECT_EQ(get_key_element("a.b.c", 3), nullptr);
+    EXPECT_STREQ(get_key_element("a..", 2), "");
+}
+
+TEST(CfgDiff, ChangedThenRemoved) {
+    cfg_entry *a = parse_text("keep=1\nchange=old\ngone=x\ngone.comment=a\nCase=v\n");
+    cfg_entry *b = parse_text("new=n\nnote.comment=b\nx.comment=c\nchange=new\nkeep=1\nCASE=V\n");
+    cfg_entry *d = get_cfg_diff_it(a, b);
+    EXPECT_EQ(dump(d), (Lines{"new=n", "change=new", "CASE=V", "gone=x"}));
+    free_cfg_it(d);
+    EXPECT_EQ(get_cfg_diff_it(a, a), nullptr);
+    free_cfg(a);
+    free_cfg(b);
+}
+
+TEST(CfgOom, ParseStopsAndKeepsWhatItHas) {
+    SKIP_WITHOUT_INJECTION();
+    const std::string text = "a=1\nb=2\nc=3\n";
+    const Lines full{"a=1", "b=2", "c=3"};
+    bool saw_calloc = false, saw_malloc = false, failed = true;
+    for (long k = 0; failed && k < 100; ++k) {
+        LogCapture cap;
+        FILE *f = fmemopen(const_cast<char *>(text.data()), text.size(), "r");
+        ASSERT_NE(f, nullptr);
+        cfg_entry *cfg = with_failure(k, [&] { return parse_stream(f); });
+        failed = g_failed;
+        fclose(f);
+        Lines got = dump(cfg);
+        free_cfg(cfg);
+        // Whatever was parsed before the failure is kept intact (a failure
+        // inside the stream's own buffering may cost nothing).
+        ASSERT_LE(got.size(), 3u) << k;
+        EXPECT_TRUE(std::equal(got.begin(), got.end(), full.begin())) << k;
+        EXPECT_TRUE(failed || got == full) << k;
+        bool logged = cap.contains("[error] cfg.parse_stream(): ");
+        saw_calloc |= logged && cap.contains(": calloc(1, 32) failed");
+        saw_malloc |= logged && cap.contains(": malloc(2) failed");
+    }
+    EXPECT_FALSE(failed);
+    EXPECT_TRUE(saw_calloc);
+    EXPECT_TRUE(saw_malloc);
+}
+
+TEST(CfgOom, QueriesFallBack) {
+    SKIP_WITHOUT_INJECTION();
+    cfg_entry *cfg = parse_text("k=a$b\nk.1=x\nk.2=y\n");
+    LogCapture cap;
+
+    EXPECT_EQ(with_failure(0, [&] { return esc_value(cfg); }), nullptr);
+    EXPECT_TRUE(cap.contains("[error] cfg.esc_value(): ")) << cap.text();
+    EXPECT_TRUE(cap.contains(": malloc(5) failed"));
+    EXPECT_STREQ(esc_value(cfg), "a\\$b");  // tried again
+
+    // The key text cannot be formatted.
+    EXPECT_STREQ(with_failure(0, [&] { return get_value(cfg, "def", "k"); }), "def");
+    EXPECT_TRUE(cap.contains("[error] cfg.vget_value(): OOM")) << cap.text();
+
+    // Pattern, first node, then the second node fails.
+    cfg_entry *it = with_failure(2, [&] { return get_cfg_it(cfg, 0, "k."); });
+    EXPECT_EQ(dump(it), (Lines{"k.1=x"}));
+    EXPECT_TRUE(cap.contains("[error] cfg.append_cfg_match_cb(): ")) << cap.text();
+    free_cfg_it(it);
+
+    // The first difference is lost, the others kept.
+    cfg_entry *other = parse_text("k=new\nk.1=x\n");
+    cfg_entry *d = with_failure(0, [&] { return get_cfg_diff_it(cfg, other); });
+    EXPECT_EQ(dump(d), (Lines{"k.2=y"}));
+    EXPECT_TRUE(cap.contains("[error] cfg.get_cfg_diff_it(): ")) << cap.text();
+    free_cfg_it(d);
+    free_cfg(other);
+    free_cfg(cfg);
+}
