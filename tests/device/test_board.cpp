@@ -1,5 +1,3 @@
-#include <fcntl.h>
-#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -7,6 +5,7 @@
 
 #include <trel/device.h>
 
+#include "device/board_rules.h"
 #include "trel_test.h"
 
 using trel_test::run_in_child;
@@ -15,12 +14,7 @@ using trel_test::TempRoot;
 namespace {
 
 const char kInfo[] = "/proc/trelhal/system.info";
-
-std::string known_info(const std::string &extra = "") {
-    return "vendorid=0x7a1e\nsystemid=0xee7c\ncpuid=0x0d03\nserialno=2A7E30C3D4E5\n"
-           "boardrevision=7\ncountrycode=276\n" +
-           extra;
-}
+const char kIds[] = "vendorid=0x7a1e\nsystemid=0xee7c\n";
 
 // A board record of the given system id, zeroed elsewhere.
 trel_board crafted(uint16_t system_id) {
@@ -28,8 +22,55 @@ trel_board crafted(uint16_t system_id) {
     memset(&b, 0, sizeof b);
     b.name = "crafted";
     b.system_id = system_id;
-    b.boardrevision = -1;
     return b;
+}
+
+int g_bomrev_calls;
+uint32_t g_bomrev;
+uint32_t fake_bomrev() {
+    g_bomrev_calls++;
+    return g_bomrev;
+}
+
+uint32_t fw_compat(uint16_t system_id, uint32_t oui, int32_t rev, uint32_t start = 0) {
+    trel_board b = crafted(system_id);
+    b.cpu_mac[0] = oui >> 16;
+    b.cpu_mac[1] = (oui >> 8) & 0xFF;
+    b.cpu_mac[2] = oui & 0xFF;
+    b.boardrevision = rev;
+    b.fw_compat = start;
+    trel::device::apply_fw_compat(&b, fake_bomrev);
+    return b.fw_compat;
+}
+
+// Every id-only predicate, in a fixed order.
+#define PREDICATE(fn) \
+    { #fn, fn }
+const struct {
+    const char *name;
+    uint32_t (*fn)(void);
+} kPredicates[] = {
+    PREDICATE(is_gen1),           PREDICATE(is_gen2),
+    PREDICATE(is_gen3_QV),        PREDICATE(is_single_5ghz_gen3),
+    PREDICATE(is_gen3),           PREDICATE(is_kx),
+    PREDICATE(is_router_to_mesh), PREDICATE(is_wul_supported),
+    PREDICATE(is_dax5),           PREDICATE(is_dax6),
+    PREDICATE(is_dax7),           PREDICATE(is_dax6_enterprise),
+    PREDICATE(is_dax6_birch_iw),  PREDICATE(is_daxac_iw),
+    PREDICATE(is_6ghz_supported), PREDICATE(is_qca_ap),
+    PREDICATE(is_wifi_only),      PREDICATE(is_force_detect_loop),
+};
+
+// The names of the predicates that answer yes on a board of this id.
+std::string answers_for(trel_board *b, uint16_t id) {
+    b->system_id = id;
+    std::string yes;
+    for (const auto &p : kPredicates) {
+        uint32_t v = p.fn();
+        EXPECT_LE(v, 1u) << p.name;
+        if (v) yes += std::string(yes.empty() ? "" : " ") + (p.name + 3);
+    }
+    return yes;
 }
 
 }  // namespace
@@ -37,65 +78,43 @@ trel_board crafted(uint16_t system_id) {
 TEST(Board, KnownBoardFilledFromSystemInfo) {
     run_in_child([] {
         TempRoot root;
-        root.write(kInfo, known_info());
+        root.write(kInfo, std::string(kIds) +
+                              "cpuid=0x0d03\nserialno=2A7E30C3D4E5\nboardrevision=7\n"
+                              "countrycode=276\n");
         root.write("/proc/trelhal/board", "bomrev=0x43611\n");
-        // Radios on the PCI bus do not change a known board.
-        root.write("/proc/bus/pci/devices", "0000\t168c0033\t10\n");
         trel_board *b = board_identify();
         ASSERT_NE(b, nullptr);
         EXPECT_STREQ(b->name, "Harbor SW-P");
-        EXPECT_STREQ(b->platform, "HRB-SW-P");
-        EXPECT_EQ(b->system_id, 0xEE7C);
         EXPECT_EQ(b->cpuid, 0xD03u);
         EXPECT_EQ(b->hw_cpuid, 0xD03u);
-        const uint8_t mac[6] = {0x2A, 0x7E, 0x30, 0xC3, 0xD4, 0xE5};
-        EXPECT_EQ(memcmp(b->cpu_mac, mac, 6), 0);
         EXPECT_EQ(b->boardrevision, 7);
         EXPECT_EQ(b->country, 276);
-        EXPECT_EQ(b->num_radios, 0);
         // BOM 0x436xx raises the model's 0x050000 to 0x052B25.
         EXPECT_EQ(b->fw_compat, 0x052B25u);
-        EXPECT_EQ(morna_identify(), b);
-        EXPECT_EQ(board_identify(), b);
 
+        const uint8_t mac[6] = {0x2A, 0x7E, 0x30, 0xC3, 0xD4, 0xE5};
         uint8_t out[6] = {};
         EXPECT_EQ(board_get_cpu_mac(out), 0);
         EXPECT_EQ(memcmp(out, mac, 6), 0);
         EXPECT_EQ(board_get_cpu_mac(nullptr), -1);
-        EXPECT_EQ(board_get_poe_budget(), 140);
-        EXPECT_EQ(board_has_poe(), 1);
-        EXPECT_EQ(get_num_of_eth_ports(), 10);
         // Eight PoE ports without a main label, then the "Main" SFP port.
-        ASSERT_NE(get_main_phy(), nullptr);
-        EXPECT_EQ(get_main_phy_port_id(), 9);
         EXPECT_EQ(get_main_phy_idx(), 24);
-        EXPECT_EQ(get_phy_port_id_by_idx(3), 4);
         EXPECT_EQ(get_phy_port_id_by_idx(25), 10);
-        EXPECT_EQ(get_phy_port_id_by_idx(99), -1);
-        EXPECT_STREQ(map_board_name(b), "Harbor SW-P");
 
         EXPECT_STREQ(morna_identify_platform("HRB-SW-P"), "Harbor SW-P");
-        EXPECT_STREQ(board_identify_platform("HRB-SW-P"), "Harbor SW-P");
         EXPECT_EQ(morna_identify_platform("HRB-SW"), nullptr);
-        EXPECT_EQ(morna_identify_platform(nullptr), nullptr);
-        EXPECT_NE(morna_get_board(0xEE7C), nullptr);
-        EXPECT_EQ(morna_get_board(0xEE7D), nullptr);
-        EXPECT_EQ(morna_get_board(0xA6C2), nullptr);
-        EXPECT_EQ(morna_identify_platform("HRB-AP-7"), nullptr);
 
         // get_board re-reads into the same record; the cache keeps it.
-        root.write(kInfo, known_info("boardrevision=9\n"));
+        root.write(kInfo, std::string(kIds) + "boardrevision=9\n");
         EXPECT_EQ(get_board(), b);
         EXPECT_EQ(b->boardrevision, 9);
     });
 }
 
-TEST(Board, IdsAndCountryRules) {
+TEST(Board, DriverFileRules) {
     TempRoot root;
     uint16_t vendor = 0, system = 0;
     EXPECT_EQ(board_identify_ids(&vendor, &system), -ENOENT);
-    EXPECT_EQ(get_board(), nullptr);
-
     root.write(kInfo, "vendorid=0x1111\nsystemid=0x2222\ngarbage\nvendorid=7a1e\n");
     EXPECT_EQ(board_identify_ids(&vendor, &system), 0);
     EXPECT_EQ(vendor, 0x7A1E);  // the last line wins
@@ -113,24 +132,29 @@ TEST(Board, IdsAndCountryRules) {
         const char *lines;
         int country;
     } const cases[] = {
-        {"regdmn[0]=802a\n", 42},
-        {"regdmn[0]=2a\n", 840},
-        {"regdmn[0]=8123\n", 0x123},
-        {"regdmn[0]=0010\n", 0},
-        {"regdmn[]=0000002a\n", 840},
-        {"regdmn[]=00000010\n", 0},
-        {"countrycode=124\n", 124},
-        {"countrycode=124\nregdmn[0]=0010\n", 0},
-        {"", 0},
+        {"regdmn[0]=802a\n", 42},     {"regdmn[0]=2a\n", 840},
+        {"regdmn[0]=c123\n", 0x123},  {"regdmn[0]=0010\n", 0},
+        {"regdmn[]=0000002a\n", 840}, {"countrycode=124\nregdmn[0]=0010\n", 0},
     };
     for (const auto &c : cases) {
-        root.write(kInfo, "vendorid=0x7a1e\nsystemid=0xee7c\n" + std::string(c.lines));
+        root.write(kInfo, kIds + std::string(c.lines));
         trel_board *b = get_board();
         ASSERT_NE(b, nullptr) << c.lines;
         EXPECT_EQ(b->country, c.country) << c.lines;
         EXPECT_EQ(b->boardrevision, -1);
         EXPECT_EQ(b->cpuid, 0xFFFFFFFFu);
     }
+
+    EXPECT_EQ(morna_board_has_qrcode(), 0);
+    root.write(kInfo, "qrid=HRB7K2Q\n");
+    EXPECT_EQ(morna_board_has_qrcode(), 1);
+    EXPECT_EQ(morna_get_bomrev(), 0xFFFFFFFFu);
+    root.write("/proc/trelhal/board", "board.name=x\r\nbomrev=0x2e813\r\nbomrev.note=a=b=0x11\n");
+    EXPECT_EQ(morna_get_bomrev(), 0x11u);  // last line, last piece
+
+    EXPECT_EQ(arch_name_to_type("AR933X", 6), 4);
+    EXPECT_EQ(arch_name_to_type("Ar7100", 6), 2);
+    EXPECT_EQ(arch_name_to_type("ar933", 5), 43);
 }
 
 TEST(Board, UnknownBoardFromPciBus) {
@@ -145,8 +169,7 @@ TEST(Board, UnknownBoardFromPciBus) {
                    "0200\t168c0046\t13\n"
                    "0300\t168c0056\t14\n"
                    "0400\t168c0040\t15\n");
-        std::string config(64, '\0');
-        root.write("/proc/bus/pci/00/00.0", config);
+        root.write("/proc/bus/pci/00/00.0", std::string(64, '\0'));
         trel_board *b = board_identify();
         ASSERT_NE(b, nullptr);
         EXPECT_STREQ(b->name, "Unknown");
@@ -156,29 +179,12 @@ TEST(Board, UnknownBoardFromPciBus) {
             EXPECT_EQ(b->radios[i].pci_vendor_id, 0x168C);
             EXPECT_EQ(b->radios[i].pci_device_id, devices[i]);
         }
-        EXPECT_EQ(board_get_poe_budget(), 0);
-        EXPECT_EQ(get_main_phy(), nullptr);
-        EXPECT_EQ(get_main_phy_port_id(), -1);
-        EXPECT_EQ(get_num_of_eth_ports(), 0);
         EXPECT_EQ(sizeof(trel_radio), 248u);
-    });
-    run_in_child([] {
-        // The maker's vendor id with a model the board table does not hold.
-        TempRoot root;
-        root.write(kInfo, "vendorid=0x7a1e\nsystemid=0xa6c2\nserialno=02A1B2C3D4E5\n");
-        root.write("/proc/bus/pci/devices", "0000\t168c0a2c\t96\n0100\t168c0a5c\t97\n");
-        trel_board *b = board_identify();
-        ASSERT_NE(b, nullptr);
-        EXPECT_EQ(morna_identify(), nullptr);
-        EXPECT_STREQ(b->name, "Unknown");
-        ASSERT_EQ(b->num_radios, 2);
-        EXPECT_EQ(b->radios[1].pci_device_id, 0x0A5C);
     });
     run_in_child([] {
         TempRoot root;  // no driver files at all
         trel_board *b = board_identify();
         ASSERT_NE(b, nullptr);
-        EXPECT_STREQ(b->name, "Unknown");
         EXPECT_EQ(b->num_radios, 0);
     });
 }
@@ -192,7 +198,7 @@ TEST(Board, CraftedRecords) {
         EXPECT_STREQ(map_board_name(&b), "Kestrel 9");
         b.radios[0].pci_device_id = 0x3005;
         EXPECT_STREQ(map_board_name(&b), "Kestrel 5");
-        b.system_id = 2;
+        b.system_id = 2;  // key A differs
         EXPECT_STREQ(map_board_name(&b), "crafted");
 
         // One group of one unlabelled port: that port is the main PHY.
@@ -202,11 +208,9 @@ TEST(Board, CraftedRecords) {
         one.port_groups[0].ports[0] = {5, 6, nullptr};
         update_cached_board(&one);
         EXPECT_EQ(get_main_phy(), &one.port_groups[0].ports[0]);
-        EXPECT_EQ(get_main_phy_port_id(), 6);
-        // Two unlabelled ports: none; the PoE input label answers.
+        // Two ports: no unlabelled answer; the PoE input label answers.
         one.port_groups[0].num_ports = 2;
         one.port_groups[0].ports[1] = {7, 8, "LAN"};
-        EXPECT_EQ(get_main_phy(), nullptr);
         EXPECT_EQ(get_main_phy_idx(), -1);
         one.port_groups[0].ports[1].label = "PoE In + Data";
         EXPECT_EQ(get_main_phy_idx(), 7);
@@ -217,10 +221,7 @@ TEST(Board, CraftedRecords) {
         EXPECT_EQ(board_has_poe(), 0);
         one.poe_reserved = 5;
         EXPECT_EQ(board_get_poe_budget(), 15);
-        one.poe_budget = 0;
-        EXPECT_EQ(board_has_poe(), 0);
 
-        EXPECT_EQ(morna_board_is_beta_firmware(nullptr), 0);
         one.fw_compat = 0x090909;
         EXPECT_EQ(morna_board_is_beta_firmware(&one), 1);
         one.fw_compat = 0x09090A;
@@ -228,41 +229,91 @@ TEST(Board, CraftedRecords) {
 
         trel_board wifi = crafted(0xA102);
         EXPECT_EQ(dax_is_supported_by_old_wifi(&wifi), 1);
-        EXPECT_EQ(dax_is_supported_ble_fast_adopt(&wifi), 0);
         wifi.system_id = 0xC622;
-        EXPECT_EQ(dax_is_supported_by_old_wifi(&wifi), 0);
         EXPECT_EQ(dax_is_supported_ble_fast_adopt(&wifi), 1);
-        EXPECT_EQ(dax_is_supported_by_old_wifi(nullptr), 0);
-        EXPECT_EQ(dax_is_supported_ble_fast_adopt(nullptr), 0);
     });
 }
 
-TEST(Board, BomRevisionAndQrCode) {
-    TempRoot root;
-    EXPECT_EQ(morna_get_bomrev(), 0xFFFFFFFFu);
-    EXPECT_EQ(morna_get_hw_board_id(), 0xFFFFFF00u);
-    root.write("/proc/trelhal/board", "board.name=x\r\nbomrev=0x2e813\r\nbomrev.note=a=b=0x11\n");
-    EXPECT_EQ(morna_get_bomrev(), 0x11u);  // last line, last piece
-    root.write("/proc/trelhal/board", "bomrev=2e813\r\n");
-    EXPECT_EQ(morna_get_bomrev(), 0x2E813u);
-    EXPECT_EQ(morna_get_hw_board_id(), 0x2E800u);
-    root.write("/proc/trelhal/board", "name=x\n");
-    EXPECT_EQ(morna_get_bomrev(), 0xFFFFFFFFu);
+TEST(Rules, OuiAndRevisionTables) {
+    // 0xA102: old wifi, no revision table.
+    EXPECT_EQ(fw_compat(0xA102, 0x02A1B2, 0), 0x010000u);
+    EXPECT_EQ(fw_compat(0xA102, 0x0A7E10, 0), 0x010201u);
+    EXPECT_EQ(fw_compat(0xA102, 0x2A7E30, 0), 0x020306u);  // 0x020203, then the OUI rule
+    EXPECT_EQ(fw_compat(0xA102, 0x123456, 0), 0x020404u);
+    // Not an old-wifi model: only the third OUI counts.
+    EXPECT_EQ(fw_compat(0x1234, 0x02A1B2, 0), 0u);
+    EXPECT_EQ(fw_compat(0x1234, 0x2A7E30, 0, 0x020307), 0x020307u);  // only raises
 
-    EXPECT_EQ(morna_board_has_qrcode(), 0);
-    root.write(kInfo, "qrid=\n");
-    EXPECT_EQ(morna_board_has_qrcode(), 0);
-    root.write(kInfo, "qrid=HRB7K2Q\n");
-    EXPECT_EQ(morna_board_has_qrcode(), 1);
+    struct {
+        uint16_t id;
+        int32_t rev;
+        uint32_t expect;
+    } const cases[] = {
+        {0xA201, -1, 0x03092A},  {0xA201, 12, 0x03092A},  {0xA201, 13, 0x030900},
+        {0xA201, 256, 0xFFFFFF}, {0xA201, -2, 0xFFFFFF},  {0xA202, 29, 0x03092A},
+        {0xA202, 30, 0x030900},  {0xA101, 300, 0xFFFFFF},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(fw_compat(c.id, 0x123456, c.rev), c.expect)
+            << std::hex << c.id << " rev " << std::dec << c.rev;
+    EXPECT_EQ(fw_compat(0xA101, 0x02A1B2, 23), 0x020300u);  // OUI row, then revision row
 }
 
-TEST(Board, ArchNames) {
-    EXPECT_EQ(arch_name_to_type("AR933X", 6), 4);
-    EXPECT_EQ(arch_name_to_type("ar933", 5), 43);
-    EXPECT_EQ(arch_name_to_type("AR7240", 6), 3);
-    EXPECT_EQ(arch_name_to_type("ar7240x", 7), 43);
-    EXPECT_EQ(arch_name_to_type("ar9344", 6), 43);
-    EXPECT_EQ(arch_name_to_type(nullptr, 6), 43);
+TEST(Rules, BomTable) {
+    g_bomrev_calls = 0;
+    g_bomrev = 0x2E8FF;
+    EXPECT_EQ(fw_compat(0xEE7C, 0, 0, 0x050000), 0x052A00u);
+    g_bomrev = 0x43600;
+    EXPECT_EQ(fw_compat(0xEE7C, 0, 0, 0x060000), 0x060000u);
+    g_bomrev = 0xFFFFFFFF;  // missing: shifts to -1, no row
+    EXPECT_EQ(fw_compat(0xEE7C, 0, 0, 0x050000), 0x050000u);
+    EXPECT_EQ(fw_compat(0xA201, 0x123456, 0), 0x03092Au);
+    EXPECT_EQ(g_bomrev_calls, 3);  // other models never read it
+}
+
+TEST(Predicates, OneBoardOfEachFamily) {
+    run_in_child([] {
+        TempRoot root;
+        trel_board b = crafted(0);
+        update_cached_board(&b);
+        struct {
+            uint16_t id;
+            const char *yes;
+        } const cases[] = {
+            {0xA102, "gen1"},
+            {0xA203, "gen2 qca_ap"},
+            {0xA312, "gen3_QV gen3 qca_ap"},
+            {0xA303, "single_5ghz_gen3 gen3 qca_ap"},
+            {0xB500, "kx"},  // no /etc/meshmode.conf
+            {0xB501, "router_to_mesh"},
+            {0xC502, "dax5"},
+            {0xC601, "dax6 qca_ap"},
+            {0xC622, "dax6 dax6_enterprise qca_ap"},
+            {0xC635, "dax6 dax6_birch_iw qca_ap"},
+            {0xC450, "daxac_iw"},
+            {0xC703, "dax7 6ghz_supported qca_ap"},
+            {0xD010, "wifi_only force_detect_loop"},
+            {0xD011, "wifi_only force_detect_loop"},
+            {0xD012, ""},
+            {0xD030, "wifi_only"},
+        };
+        for (const auto &c : cases) EXPECT_EQ(answers_for(&b, c.id), c.yes) << std::hex << c.id;
+        root.write("/etc/meshmode.conf", "");
+        EXPECT_EQ(answers_for(&b, 0xB500), "kx router_to_mesh");
+
+        b.system_id = 0xC614;
+        for (int rev = -1; rev <= 30; rev++) {
+            b.boardrevision = rev;
+            EXPECT_EQ(is_dax6_tb_aqr112c(), rev < 21 || rev == 22 ? 1u : 0u) << rev;
+        }
+
+        EXPECT_EQ(is_kx_setup_complete(), 0u);
+        root.write("/etc/persistent/cfg/mgmt", "mgmt.is_setup_completed=false\n");
+        EXPECT_EQ(is_kx_setup_complete(), 0u);
+        root.write("/etc/persistent/cfg/mgmt", "mgmt.is_setup_completed=0\n");
+        EXPECT_EQ(is_kx_setup_complete(), 1u);
+        update_cached_board(nullptr);
+    });
 }
 
 TEST(Board, Accelerometer) {
@@ -298,7 +349,6 @@ TEST(Board, Eeprom) {
     const char mtd[] =
         "dev:    size   erasesize  name\n"
         "mtd0: 00040000 00010000 \"u-boot\"\n"
-        "mtd1: 00010000 00010000 \"u-boot-env\"\n"
         "mtd2: 00010000 00010000 \"eeprom\"\n"
         "mtd3: 00010000 00010000 \"EEPROM\"\n";
     root.write("/proc/mtd", mtd);

@@ -12,25 +12,19 @@
 using trel_test::run_in_child;
 using trel_test::TempRoot;
 
-namespace {
-
-const char kHeader[] =
-    "Inter-|   Receive                                                |  Transmit\n"
-    " face |bytes    packets errs drop fifo frame compressed multicast|bytes    packets errs "
-    "drop fifo colls carrier compressed\n";
-
-}  // namespace
-
 TEST(Status, InterfaceCountersAndIoctls) {
     TempRoot root;
     trel_dev_status st;
     EXPECT_EQ(fill_dev_status("lo", &st), -1);  // no /proc/net/dev
-    std::string header(kHeader);
+    const std::string header =
+        "Inter-|   Receive                                                |  Transmit\n"
+        " face |bytes    packets errs drop fifo frame compressed multicast|bytes    packets "
+        "errs drop fifo colls carrier compressed\n";
     root.write("/proc/net/dev", header.substr(0, header.find('\n') + 1));
     EXPECT_EQ(fill_dev_status("lo", &st), -ENOENT);
 
     // Columns 1-4 and 8-12 are kept; "lo0" and "xlo" are not "lo".
-    root.write("/proc/net/dev", std::string(kHeader) +
+    root.write("/proc/net/dev", header +
                                     "   lo0: 9 9 9 9 9 9 9 9 9 9 9 9 9 9 9 9\n"
                                     "  xlo: 9 9 9 9 9 9 9 9 9 9 9 9 9 9 9 9\n"
                                     "    lo: 1001 1002 1003 1004 5 6 7 1008 2009 2010 2011 0x10 13 "
@@ -39,8 +33,6 @@ TEST(Status, InterfaceCountersAndIoctls) {
     int fds = trel_test::open_fd_count();
     ASSERT_EQ(fill_dev_status("lo", &st), 0);
     EXPECT_EQ(trel_test::open_fd_count(), fds);
-    EXPECT_STREQ(st.name, "lo");
-    EXPECT_EQ(st.present, 1u);
     EXPECT_EQ(st.rx_bytes, 1001u);
     EXPECT_EQ(st.rx_packets, 1002u);
     EXPECT_EQ(st.rx_errors, 1003u);
@@ -50,83 +42,39 @@ TEST(Status, InterfaceCountersAndIoctls) {
     EXPECT_EQ(st.tx_packets, 2010u);
     EXPECT_EQ(st.tx_errors, 2011u);
     EXPECT_EQ(st.tx_dropped, 16u);  // base 0: "0x10"
-    // The real loopback interface.
+    // The real loopback interface, which has no link settings.
     EXPECT_TRUE(st.flags & IFF_LOOPBACK);
-    const uint8_t zero[6] = {};
-    EXPECT_EQ(memcmp(st.hwaddr, zero, 6), 0);
     if (st.flags & IFF_UP) {
         EXPECT_EQ(st.ipaddr, htonl(INADDR_LOOPBACK));
-        EXPECT_STREQ(st.ipaddr_str, "127.0.0.1");
         EXPECT_STREQ(st.netmask_str, "255.0.0.0");
         EXPECT_EQ(get_ethtool_link_status("lo"), 1);
     }
-    // Loopback has no link settings.
     EXPECT_EQ(st.speed, 0u);
     EXPECT_EQ(st.duplex, 255u);
 
     ASSERT_EQ(fill_dev_status("nosuch0", &st), 0);
     EXPECT_EQ(st.present, 0u);
-    EXPECT_EQ(st.rx_bytes, 0u);
-    EXPECT_EQ(st.ipaddr, 0u);
     EXPECT_STREQ(st.ipaddr_str, "0.0.0.0");
-    EXPECT_STREQ(st.name, "nosuch0");
     EXPECT_EQ(get_ethtool_link_status("nosuch0"), -1);
-
-    ASSERT_EQ(fill_dev_status(nullptr, &st), 0);
-    EXPECT_EQ(st.present, 0u);
-    EXPECT_STREQ(st.name, "");
 }
 
 TEST(Status, ReplaceIfname) {
-    char name[IFNAMSIZ];
     struct {
         const char *in, *prefix, *out;
     } const cases[] = {
-        {"lan3", "eth", "eth3"}, {"eth3", "eth", "eth3"}, {"wan12", "lan", "eth12"},
-        {"lan0", "lan", "lan0"}, {"eth", "lan", "eth"},   {"br", "eth", "br"},
-        {"7up", "eth", "7up"},   {"la", "eth", "la"},
+        {"lan3", "eth", "eth3"},
+        {"wan12", "lan", "eth12"},
+        {"lan0", "lan", "lan0"},
+        {"eth", "lan", "eth"},
+        {"7up", "eth", "7up"},
+        {"abcdefghijklmnop1", "eth", "abcdefghijklmnop1"},  // 17 characters: left alone
     };
     for (const auto &c : cases) {
+        char name[32];
         strcpy(name, c.in);
         replace_ifname(name, c.prefix);
         EXPECT_STREQ(name, c.out) << c.in << " " << c.prefix;
     }
-    char longname[32] = "abcdefghijklmnop1";  // 17 characters: left alone
-    replace_ifname(longname, "eth");
-    EXPECT_STREQ(longname, "abcdefghijklmnop1");
-    replace_ifname(nullptr, "eth");
-    strcpy(name, "lan1");
-    replace_ifname(name, nullptr);
-    EXPECT_STREQ(name, "lan1");
-}
-
-TEST(Status, Services) {
-    TempRoot root;
-    trel_service_status s;
-    memset(&s, 0xAA, sizeof s);
-    EXPECT_EQ(fill_services(&s), 0);
-    EXPECT_EQ(s.dhcpc + s.dhcpd + s.ppp + s.iptables + s.ebtables, 0u);
-
-    const std::string cfg =
-        "# dhcpd.status=enabled\n"
-        "dhcpc.status=enabled\n"
-        "dhcpd.status=enabled\n"
-        "  dhcpd.1.status =\tenabled \r\n"
-        "ppp.status=enabled\nppp.1.status=disabled\n"
-        "iptables.status=enabled\niptables.50.status=enabled\n"
-        "ebtables.status=enabled\nebtables.50.status=enabled\nebtables.50.status=disabled\n"
-        "\n";
-    root.write("/tmp/system.cfg", cfg);
-    EXPECT_EQ(fill_services(&s), 0);
-    EXPECT_EQ(s.dhcpc, 0u);  // no dhcpc.1.status
-    EXPECT_EQ(s.dhcpd, 1u);
-    EXPECT_EQ(s.ppp, 0u);
-    EXPECT_EQ(s.iptables, 1u);
-    EXPECT_EQ(s.ebtables, 0u);  // the last value counts
-    // A world-writable regular file is not read.
-    root.write("/tmp/system.cfg", cfg, 0777);
-    EXPECT_EQ(fill_services(&s), 0);
-    EXPECT_EQ(s.dhcpd + s.iptables, 0u);
 }
 
 TEST(Status, VersionIsCachedOnceRead) {
@@ -138,86 +86,71 @@ TEST(Status, VersionIsCachedOnceRead) {
         root.write("/usr/etc/.version", "5.43.7\n");
         root.write("/usr/etc/.build", "\n");
         EXPECT_EQ(get_version(&v), -EINVAL);
-        EXPECT_STREQ(v, "unknown.0");
         root.write("/usr/etc/.build", "4211\n");
         EXPECT_EQ(get_version(&v), 0);
-        EXPECT_STREQ(v, "5.43.7.4211");
-        root.write("/usr/etc/.version", "6.0.0\n");
+        root.write("/usr/etc/.version", "6.0.0\n");  // cached: not read again
         EXPECT_EQ(get_version(&v), 0);
         EXPECT_STREQ(v, "5.43.7.4211");
-    });
-    run_in_child([] {
-        TempRoot root;
-        root.write("/usr/etc/.version", std::string(70, 'v') + "\n");
-        root.write("/usr/etc/.build", "12345\n");
-        const char *v = nullptr;
-        EXPECT_EQ(get_version(&v), 0);
-        EXPECT_EQ(strlen(v), 63u);
-        EXPECT_EQ(std::string(v), std::string(63, 'v'));
     });
 }
 
-TEST(Status, FlagFiles) {
+TEST(Status, ConfigFlagAndKeyFiles) {
     TempRoot root;
+    const std::string cfg =
+        "# dhcpd.status=enabled\n"
+        "dhcpc.status=enabled\n"
+        "dhcpd.status=enabled\n"
+        "  dhcpd.1.status =\tenabled \r\n"
+        "ebtables.status=enabled\nebtables.50.status=enabled\nebtables.50.status=disabled\n";
+    root.write("/tmp/system.cfg", cfg);
+    trel_service_status s;
+    EXPECT_EQ(fill_services(&s), 0);
+    EXPECT_EQ(s.dhcpc, 0u);  // no dhcpc.1.status
+    EXPECT_EQ(s.dhcpd, 1u);
+    EXPECT_EQ(s.ebtables, 0u);  // the last value counts
+    // A world-writable regular file is not read.
+    root.write("/tmp/system.cfg", cfg, 0777);
+    EXPECT_EQ(fill_services(&s), 0);
+    EXPECT_EQ(s.dhcpd, 0u);
+
     EXPECT_EQ(system_is_xxx("/proc/trelhal/flag", 1), 1);
-    EXPECT_EQ(system_is_xxx("/proc/trelhal/flag", 0), 0);
-    EXPECT_EQ(system_is_xxx("/var/run/flag", 1), 1);
-    EXPECT_EQ(system_is_xxx("/var/run/flag", 0), 0);
     root.write("/proc/trelhal/flag", "true\n");
     EXPECT_EQ(system_is_xxx("/proc/trelhal/flag", 0), 1);
     root.write("/proc/trelhal/flag", "false\n");
     EXPECT_EQ(system_is_xxx("/proc/trelhal/flag", 1), 0);
-    root.write("/proc/trelhal/flag", "");  // empty: the default text
-    EXPECT_EQ(system_is_xxx("/proc/trelhal/flag", 1), 1);
     root.write("/var/run/flag", "false\n");  // existence answers
     EXPECT_EQ(system_is_xxx("/var/run/flag", 0), 1);
 
     EXPECT_EQ(system_set_xxx("/var/run/flag", 0), 0);
     EXPECT_FALSE(root.exists("/var/run/flag"));
-    EXPECT_EQ(system_set_xxx("/var/run/flag", 0), 0);
     EXPECT_EQ(system_set_xxx("/var/run/flag", 1), 0);
     EXPECT_EQ(root.read("/var/run/flag"), "true\n");
     EXPECT_EQ(system_set_xxx("/proc/trelhal/flag", 0), 0);
     EXPECT_EQ(root.read("/proc/trelhal/flag"), "false\n");
-    EXPECT_EQ(system_set_value("/var/run/value", "42"), 0);
-    EXPECT_EQ(root.read("/var/run/value"), "42\n");
     EXPECT_EQ(system_set_xxx("/no/such/dir/flag", 1), -1);
-}
 
-TEST(Status, IdentityKeys) {
-    TempRoot root;
+    const char info[] = "/proc/trelhal/system.info";
     char sn[32];
-    EXPECT_EQ(get_boardrevision("/proc/trelhal/system.info"), -1);
-    EXPECT_EQ(get_boardsn("/proc/trelhal/system.info", sn, sizeof sn), -1);
+    EXPECT_EQ(get_boardsn(info, sn, sizeof sn), -1);
     EXPECT_STREQ(get_main_mac_str(), "00:11:22:33:44:55");
-    EXPECT_EQ(get_manufid(), 0);
 
-    root.write("/proc/trelhal/system.info",
+    root.write(info,
                "boardrevision=12\r\nserialno=0A0B0C0D0E0F\nboardrevision=14\n"
                "serialno=02A1B2C3D4E5\r\nwifi0.macaddr=02:A1:B2:C3:D4:E6\nmanufid=00ff\n");
-    EXPECT_EQ(get_boardrevision("/proc/trelhal/system.info"), 14);
-    EXPECT_EQ(get_boardsn("/proc/trelhal/system.info", sn, sizeof sn), 0);
+    EXPECT_EQ(get_boardrevision(info), 14);
+    // The appended newline needs room too.
+    EXPECT_EQ(get_boardsn(info, sn, 13), -1);
+    EXPECT_EQ(get_boardsn(info, sn, 14), 0);
     EXPECT_STREQ(sn, "02A1B2C3D4E5\n");
-    // The newline needs room too.
-    EXPECT_EQ(get_boardsn("/proc/trelhal/system.info", sn, 13), -1);
-    EXPECT_EQ(get_boardsn("/proc/trelhal/system.info", sn, 14), 0);
-    EXPECT_EQ(get_boardsn("/proc/trelhal/system.info", sn, 0), -1);
     EXPECT_STREQ(get_main_mac_str(), "02:A1:B2:C3:D4:E6");
     EXPECT_EQ(get_manufid(), 0xFF);
-    root.write("/proc/trelhal/system.info",
-               "eth0.macaddr=02:A1:B2:C3:D4:E5\nwifi0.macaddr=02:A1:B2:C3:D4:E6\n");
+    root.write(info, "eth0.macaddr=02:A1:B2:C3:D4:E5\nwifi0.macaddr=02:A1:B2:C3:D4:E6\n");
     EXPECT_STREQ(get_main_mac_str(), "02:A1:B2:C3:D4:E5");
-}
 
-TEST(Status, ConnectivityState) {
-    TempRoot root;
     EXPECT_EQ(system_internet_status(), -1);
     EXPECT_EQ(system_dhcp_status(), TREL_DHCP_UNKNOWN);
-    EXPECT_EQ(system_is_ssh(), 0);
     root.write("/var/run/system.internet", "1\n");
     EXPECT_EQ(system_internet_status(), 1);
-    root.write("/var/run/system.internet", "0\n");
-    EXPECT_EQ(system_internet_status(), 0);
     const char *states[] = {"nothing", "deconfig", "leasefail", "bound", "renew"};
     for (int i = 0; i < 5; i++) {
         root.write("/var/run/dhcpc.last_state", std::string(states[i]) + "\n");
@@ -225,7 +158,6 @@ TEST(Status, ConnectivityState) {
     }
     const std::string tcp =
         "  sl  local_address rem_address   st tx_queue rx_queue\n"
-        "   0: 00000000:0050 00000000:0000 0A 00000000:00000000\n"
         "   1: 0100007F:0016 0200007F:A1B2 01 00000000:00000000\n";
     root.write("/proc/net/tcp", tcp);
     EXPECT_EQ(system_is_ssh(), 0);  // port 22 only as an established peer
@@ -235,37 +167,22 @@ TEST(Status, ConnectivityState) {
 
 TEST(Status, UptimeAndTime) {
     TempRoot root;
-    EXPECT_EQ(get_uptime_from_proc(), UINT64_MAX);
-    root.write("/proc/uptime", "93784.21 180000.50\n");
-    EXPECT_EQ(get_uptime_from_proc(), 93784u);
     root.write("/var/run/up", "junk\n");
     EXPECT_EQ(get_uptime_from_file("/var/run/up"), UINT64_MAX);
-    EXPECT_GT(get_uptime_from_sysinfo(), 0u);
 
     char out[64];
     struct {
         uint64_t s;
         const char *text;
-    } const cases[] = {
-        {0, ""}, {90061, "1d1h1m1s"}, {3600, "1h"}, {59, "59s"}, {86400 * 3 + 120, "3d2m"}};
+    } const cases[] = {{0, ""}, {3600, "1h"}, {86400 * 3 + 120, "3d2m"}};
     for (const auto &c : cases) EXPECT_STREQ(uptime2str(c.s, out, sizeof out), c.text) << c.s;
     EXPECT_STREQ(uptime2str(90061, out, 5), "1d1h");
 
     trel_time_parts parts;
     ASSERT_EQ(get_system_time(&parts), 0);
-    EXPECT_EQ(strlen(parts.weekday), 3u);
-    EXPECT_EQ(strlen(parts.month), 3u);
-    EXPECT_EQ(strlen(parts.hour), 2u);
-    EXPECT_EQ(strlen(parts.second), 2u);
-    EXPECT_EQ(strlen(parts.year), 5u);
-    EXPECT_EQ(parts.year[4], '\n');
-    int day = atoi(parts.day);
-    EXPECT_TRUE(day >= 1 && day <= 31) << parts.day;
-    ASSERT_EQ(get_system_time_str(out, sizeof out), 0);
-    EXPECT_EQ(strlen(out), 19u);
-    EXPECT_EQ(out[10], 'T');
-    EXPECT_EQ(get_system_time_str(out, 10), -1);
-    EXPECT_STREQ(out, "");
+    EXPECT_EQ(std::string(parts.year).substr(4), "\n");
+    EXPECT_EQ(get_system_time_str(out, 20), 0);
+    EXPECT_EQ(get_system_time_str(out, 19), -1);
 }
 
 TEST(Status, ManagementEnvironment) {
@@ -276,17 +193,14 @@ TEST(Status, ManagementEnvironment) {
     } const cases[] = {
         {nullptr, nullptr, nullptr, TREL_VESK_ENV_PROD, TREL_VESK_ENV_DEV},
         {nullptr, nullptr, "atag", TREL_VESK_ENV_PROD, TREL_VESK_ENV_PROD},
-        {"mgmt.vesk.env=prod\n", nullptr, "branch", TREL_VESK_ENV_PROD, TREL_VESK_ENV_DEV},
         {"mgmt.vesk.env=bogus\n", nullptr, "atag", TREL_VESK_ENV_PROD, TREL_VESK_ENV_PROD},
         {"mgmt.vesk.env=dev\n", "mgmt.vesk.env=stage\n", "atag", TREL_VESK_ENV_DEV,
          TREL_VESK_ENV_DEV},
         {"x=1\n", "mgmt.vesk.env=stage\n", "branch", TREL_VESK_ENV_STAGE, TREL_VESK_ENV_STAGE},
-        {"mgmt.vesk.env=stage\n", nullptr, nullptr, TREL_VESK_ENV_STAGE, TREL_VESK_ENV_STAGE},
         // Forced production for any build.
         {"mgmt.vesk.env.force=1\n", nullptr, "branch", TREL_VESK_ENV_PROD, TREL_VESK_ENV_PROD},
         {nullptr, "mgmt.vesk.env.force=enabled\n", "branch", TREL_VESK_ENV_PROD,
          TREL_VESK_ENV_PROD},
-        {"mgmt.vesk.env.force=0\n", nullptr, "branch", TREL_VESK_ENV_PROD, TREL_VESK_ENV_DEV},
         {"mgmt.vesk.env.force=yes\n", nullptr, "atagx", TREL_VESK_ENV_PROD, TREL_VESK_ENV_DEV},
     };
     for (const auto &c : cases) {
@@ -297,9 +211,7 @@ TEST(Status, ManagementEnvironment) {
         if (c.mgmt) root.write("/etc/persistent/cfg/mgmt", c.mgmt);
         if (c.reftype)
             root.write("/usr/lib/build.properties", std::string("scm_reftype=") + c.reftype + "\n");
-        std::string what = std::string(c.cfg ? c.cfg : "-") + (c.mgmt ? c.mgmt : "-") +
-                           (c.reftype ? c.reftype : "-");
-        EXPECT_EQ(get_vesk_env(), c.env) << what;
-        EXPECT_EQ(get_vesk_env_limit_prod(), c.limited) << what;
+        EXPECT_EQ(get_vesk_env(), c.env) << "case " << &c - cases;
+        EXPECT_EQ(get_vesk_env_limit_prod(), c.limited) << "case " << &c - cases;
     }
 }
