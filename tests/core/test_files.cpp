@@ -1,7 +1,10 @@
 #include <errno.h>
+#include <string.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <string>
 
 #include "trel_test.h"
 
@@ -21,6 +24,11 @@ TEST(Files, PathRootResolvesAbsolutePathsWhenSet) {
     EXPECT_EQ(fsreadline("hostname", buf, sizeof buf), 0);
     EXPECT_STREQ(buf, "snapshot");
     ASSERT_EQ(chdir(cwd), 0);
+    // A path that no longer fits once resolved fails without touching anything.
+    std::string deep = "/" + std::string(4090, 'd');
+    strcpy(buf, "unchanged");
+    EXPECT_EQ(fsreadline(deep.c_str(), buf, sizeof buf), -ENAMETOOLONG);
+    EXPECT_STREQ(buf, "unchanged");
     // Without a root the real path is used.
     unsetenv("LIBTREL_ROOT");
     EXPECT_EQ(fsreadline(root.path("/etc/hostname").c_str(), buf, sizeof buf), 0);
