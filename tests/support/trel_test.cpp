@@ -101,13 +101,6 @@ void TempRoot::mkdir(const std::string &logical) const {
     make_parents(p);
 }
 
-void TempRoot::symlink(const std::string &target, const std::string &logical) const {
-    std::string p = path(logical);
-    make_parents(p);
-    ::unlink(p.c_str());
-    ASSERT_EQ(::symlink(target.c_str(), p.c_str()), 0) << p;
-}
-
 void TempRoot::remove(const std::string &logical) const { remove_tree(path(logical)); }
 
 bool TempRoot::exists(const std::string &logical) const {

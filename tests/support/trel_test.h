@@ -31,7 +31,6 @@ public:
     std::string write(const std::string &logical, const std::string &content,
                       mode_t mode = 0644) const;
     void mkdir(const std::string &logical) const;
-    void symlink(const std::string &target, const std::string &logical) const;
     void remove(const std::string &logical) const;
     bool exists(const std::string &logical) const;
     std::string read(const std::string &logical) const;
