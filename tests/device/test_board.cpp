@@ -2,6 +2,8 @@
 #include <unistd.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <trel/device.h>
 
@@ -16,15 +18,6 @@ namespace {
 const char kInfo[] = "/proc/trelhal/system.info";
 const char kIds[] = "vendorid=0x7a1e\nsystemid=0xee7c\n";
 
-// A board record of the given system id, zeroed elsewhere.
-trel_board crafted(uint16_t system_id) {
-    trel_board b;
-    memset(&b, 0, sizeof b);
-    b.name = "crafted";
-    b.system_id = system_id;
-    return b;
-}
-
 int g_bomrev_calls;
 uint32_t g_bomrev;
 uint32_t fake_bomrev() {
@@ -33,10 +26,9 @@ uint32_t fake_bomrev() {
 }
 
 uint32_t fw_compat(uint16_t system_id, uint32_t oui, int32_t rev, uint32_t start = 0) {
-    trel_board b = crafted(system_id);
-    b.cpu_mac[0] = oui >> 16;
-    b.cpu_mac[1] = (oui >> 8) & 0xFF;
-    b.cpu_mac[2] = oui & 0xFF;
+    trel_board b{};
+    b.system_id = system_id;
+    for (int i = 0; i < 3; i++) b.cpu_mac[i] = oui >> (16 - 8 * i);
     b.boardrevision = rev;
     b.fw_compat = start;
     trel::device::apply_fw_compat(&b, fake_bomrev);
@@ -85,17 +77,15 @@ TEST(Board, KnownBoardFilledFromSystemInfo) {
         trel_board *b = board_identify();
         ASSERT_NE(b, nullptr);
         EXPECT_STREQ(b->name, "Harbor SW-P");
-        EXPECT_EQ(b->cpuid, 0xD03u);
-        EXPECT_EQ(b->hw_cpuid, 0xD03u);
-        EXPECT_EQ(b->boardrevision, 7);
-        EXPECT_EQ(b->country, 276);
+        // cpuid, both copies; board revision; country.
+        EXPECT_EQ((std::vector<int64_t>{b->cpuid, b->hw_cpuid, b->boardrevision, b->country}),
+                  (std::vector<int64_t>{0xD03, 0xD03, 7, 276}));
         // BOM 0x436xx raises the model's 0x050000 to 0x052B25.
         EXPECT_EQ(b->fw_compat, 0x052B25u);
 
-        const uint8_t mac[6] = {0x2A, 0x7E, 0x30, 0xC3, 0xD4, 0xE5};
         uint8_t out[6] = {};
         EXPECT_EQ(board_get_cpu_mac(out), 0);
-        EXPECT_EQ(memcmp(out, mac, 6), 0);
+        EXPECT_EQ(memcmp(out, "\x2A\x7E\x30\xC3\xD4\xE5", 6), 0);
         EXPECT_EQ(board_get_cpu_mac(nullptr), -1);
         // Eight PoE ports without a main label, then the "Main" SFP port.
         EXPECT_EQ(get_main_phy_idx(), 24);
@@ -128,19 +118,16 @@ TEST(Board, DriverFileRules) {
     root.write(kInfo, "vendorid=0x7a1e\nsystemid=0xee7d\n");
     EXPECT_EQ(get_board(), nullptr);
 
-    struct {
-        const char *lines;
-        int country;
-    } const cases[] = {
+    const std::pair<const char *, int> cases[] = {
         {"regdmn[0]=802a\n", 42},     {"regdmn[0]=2a\n", 840},
         {"regdmn[0]=c123\n", 0x123},  {"regdmn[0]=0010\n", 0},
         {"regdmn[]=0000002a\n", 840}, {"countrycode=124\nregdmn[0]=0010\n", 0},
     };
-    for (const auto &c : cases) {
-        root.write(kInfo, kIds + std::string(c.lines));
+    for (const auto &[lines, country] : cases) {
+        root.write(kInfo, kIds + std::string(lines));
         trel_board *b = get_board();
-        ASSERT_NE(b, nullptr) << c.lines;
-        EXPECT_EQ(b->country, c.country) << c.lines;
+        ASSERT_NE(b, nullptr) << lines;
+        EXPECT_EQ(b->country, country) << lines;
         EXPECT_EQ(b->boardrevision, -1);
         EXPECT_EQ(b->cpuid, 0xFFFFFFFFu);
     }
@@ -162,23 +149,18 @@ TEST(Board, UnknownBoardFromPciBus) {
         TempRoot root;
         root.write(kInfo, "vendorid=0x7a1f\nsystemid=0xee7c\n");
         root.write("/proc/bus/pci/devices",
-                   "0000\t168c0033\t10\n"
-                   "0008\t10ec8168\t11\n"
-                   "not a device line\n"
-                   "0100\t168c003c\t12\n"
-                   "0200\t168c0046\t13\n"
-                   "0300\t168c0056\t14\n"
+                   "0000\t168c0033\t10\n0008\t10ec8168\t11\nnot a device line\n"
+                   "0100\t168c003c\t12\n0200\t168c0046\t13\n0300\t168c0056\t14\n"
                    "0400\t168c0040\t15\n");
         root.write("/proc/bus/pci/00/00.0", std::string(64, '\0'));
         trel_board *b = board_identify();
         ASSERT_NE(b, nullptr);
         EXPECT_STREQ(b->name, "Unknown");
         ASSERT_EQ(b->num_radios, 4);
-        const uint16_t devices[4] = {0x0033, 0x003c, 0x0046, 0x0056};
-        for (int i = 0; i < 4; i++) {
-            EXPECT_EQ(b->radios[i].pci_vendor_id, 0x168C);
-            EXPECT_EQ(b->radios[i].pci_device_id, devices[i]);
-        }
+        const uint32_t ids[4] = {0x168c0033, 0x168c003c, 0x168c0046, 0x168c0056};
+        for (int i = 0; i < 4; i++)
+            EXPECT_EQ(uint32_t(b->radios[i].pci_vendor_id) << 16 | b->radios[i].pci_device_id,
+                      ids[i]);
         EXPECT_EQ(sizeof(trel_radio), 248u);
     });
     run_in_child([] {
@@ -189,9 +171,44 @@ TEST(Board, UnknownBoardFromPciBus) {
     });
 }
 
-TEST(Board, CraftedRecords) {
+TEST(Rules, OuiRevisionAndBomTables) {
+    g_bomrev_calls = 0;
+    g_bomrev = 0x2E8FF;
+    EXPECT_EQ(fw_compat(0xEE7C, 0, 0, 0x050000), 0x052A00u);
+    g_bomrev = 0x43600;
+    EXPECT_EQ(fw_compat(0xEE7C, 0, 0, 0x060000), 0x060000u);
+    g_bomrev = 0xFFFFFFFF;  // missing: shifts to -1, no row
+    EXPECT_EQ(fw_compat(0xEE7C, 0, 0, 0x050000), 0x050000u);
+    // 0xA102: old wifi without a revision table, so OUI rows only (0x2A7E30's
+    // 0x020203 then meets the third-OUI rule); 0x1234: not old wifi, so only
+    // the third OUI counts; 0xA101: OUI row, then revision row.
+    struct {
+        uint16_t id;
+        uint32_t oui;
+        int32_t rev;
+        uint32_t expect;
+    } const cases[] = {
+        {0xA102, 0x02A1B2, 0, 0x010000},   {0xA102, 0x0A7E10, 0, 0x010201},
+        {0xA102, 0x2A7E30, 0, 0x020306},   {0xA102, 0x123456, 0, 0x020404},
+        {0x1234, 0x02A1B2, 0, 0},          {0xA201, 0x123456, -1, 0x03092A},
+        {0xA201, 0x123456, 12, 0x03092A},  {0xA201, 0x123456, 13, 0x030900},
+        {0xA201, 0x123456, 256, 0xFFFFFF}, {0xA201, 0x123456, -2, 0xFFFFFF},
+        {0xA202, 0x123456, 29, 0x03092A},  {0xA202, 0x123456, 30, 0x030900},
+        {0xA101, 0x123456, 300, 0xFFFFFF}, {0xA101, 0x02A1B2, 23, 0x020300},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(fw_compat(c.id, c.oui, c.rev), c.expect)
+            << std::hex << c.id << " " << c.oui << " rev " << std::dec << c.rev;
+    EXPECT_EQ(fw_compat(0x1234, 0x2A7E30, 0, 0x020307), 0x020307u);  // only raises
+    EXPECT_EQ(g_bomrev_calls, 3);                                    // other models never read it
+}
+
+TEST(Board, CraftedRecordsAndPredicates) {
     run_in_child([] {
-        trel_board b = crafted(1);
+        TempRoot root;
+        trel_board b{};
+        b.name = "crafted";
+        b.system_id = 1;
         EXPECT_STREQ(map_board_name(&b), "crafted");  // no radios
         b.num_radios = 1;
         b.radios[0].pci_device_id = 0x3009;
@@ -202,102 +219,52 @@ TEST(Board, CraftedRecords) {
         EXPECT_STREQ(map_board_name(&b), "crafted");
 
         // One group of one unlabelled port: that port is the main PHY.
-        trel_board one = crafted(0x1234);
-        one.num_port_groups = 1;
-        one.port_groups[0].num_ports = 1;
-        one.port_groups[0].ports[0] = {5, 6, nullptr};
-        update_cached_board(&one);
-        EXPECT_EQ(get_main_phy(), &one.port_groups[0].ports[0]);
+        b.num_port_groups = 1;
+        b.port_groups[0].num_ports = 1;
+        b.port_groups[0].ports[0] = {5, 6, nullptr};
+        update_cached_board(&b);
+        EXPECT_EQ(get_main_phy(), &b.port_groups[0].ports[0]);
         // Two ports: no unlabelled answer; the PoE input label answers.
-        one.port_groups[0].num_ports = 2;
-        one.port_groups[0].ports[1] = {7, 8, "LAN"};
+        b.port_groups[0].num_ports = 2;
+        b.port_groups[0].ports[1] = {7, 8, "LAN"};
         EXPECT_EQ(get_main_phy_idx(), -1);
-        one.port_groups[0].ports[1].label = "PoE In + Data";
+        b.port_groups[0].ports[1].label = "PoE In + Data";
         EXPECT_EQ(get_main_phy_idx(), 7);
 
-        one.poe_budget = 20;
-        one.poe_reserved = 25;
+        b.poe_budget = 20;
+        b.poe_reserved = 25;
         EXPECT_EQ(board_get_poe_budget(), 0);
         EXPECT_EQ(board_has_poe(), 0);
-        one.poe_reserved = 5;
+        b.poe_reserved = 5;
         EXPECT_EQ(board_get_poe_budget(), 15);
 
-        one.fw_compat = 0x090909;
-        EXPECT_EQ(morna_board_is_beta_firmware(&one), 1);
-        one.fw_compat = 0x09090A;
-        EXPECT_EQ(morna_board_is_beta_firmware(&one), 0);
+        b.fw_compat = 0x090909;
+        EXPECT_EQ(morna_board_is_beta_firmware(&b), 1);
+        b.fw_compat = 0x09090A;
+        EXPECT_EQ(morna_board_is_beta_firmware(&b), 0);
 
-        trel_board wifi = crafted(0xA102);
-        EXPECT_EQ(dax_is_supported_by_old_wifi(&wifi), 1);
-        wifi.system_id = 0xC622;
-        EXPECT_EQ(dax_is_supported_ble_fast_adopt(&wifi), 1);
-    });
-}
+        b.system_id = 0xA102;
+        EXPECT_EQ(dax_is_supported_by_old_wifi(&b), 1);
+        b.system_id = 0xC622;
+        EXPECT_EQ(dax_is_supported_ble_fast_adopt(&b), 1);
 
-TEST(Rules, OuiAndRevisionTables) {
-    // 0xA102: old wifi, no revision table.
-    EXPECT_EQ(fw_compat(0xA102, 0x02A1B2, 0), 0x010000u);
-    EXPECT_EQ(fw_compat(0xA102, 0x0A7E10, 0), 0x010201u);
-    EXPECT_EQ(fw_compat(0xA102, 0x2A7E30, 0), 0x020306u);  // 0x020203, then the OUI rule
-    EXPECT_EQ(fw_compat(0xA102, 0x123456, 0), 0x020404u);
-    // Not an old-wifi model: only the third OUI counts.
-    EXPECT_EQ(fw_compat(0x1234, 0x02A1B2, 0), 0u);
-    EXPECT_EQ(fw_compat(0x1234, 0x2A7E30, 0, 0x020307), 0x020307u);  // only raises
-
-    struct {
-        uint16_t id;
-        int32_t rev;
-        uint32_t expect;
-    } const cases[] = {
-        {0xA201, -1, 0x03092A},  {0xA201, 12, 0x03092A},  {0xA201, 13, 0x030900},
-        {0xA201, 256, 0xFFFFFF}, {0xA201, -2, 0xFFFFFF},  {0xA202, 29, 0x03092A},
-        {0xA202, 30, 0x030900},  {0xA101, 300, 0xFFFFFF},
-    };
-    for (const auto &c : cases)
-        EXPECT_EQ(fw_compat(c.id, 0x123456, c.rev), c.expect)
-            << std::hex << c.id << " rev " << std::dec << c.rev;
-    EXPECT_EQ(fw_compat(0xA101, 0x02A1B2, 23), 0x020300u);  // OUI row, then revision row
-}
-
-TEST(Rules, BomTable) {
-    g_bomrev_calls = 0;
-    g_bomrev = 0x2E8FF;
-    EXPECT_EQ(fw_compat(0xEE7C, 0, 0, 0x050000), 0x052A00u);
-    g_bomrev = 0x43600;
-    EXPECT_EQ(fw_compat(0xEE7C, 0, 0, 0x060000), 0x060000u);
-    g_bomrev = 0xFFFFFFFF;  // missing: shifts to -1, no row
-    EXPECT_EQ(fw_compat(0xEE7C, 0, 0, 0x050000), 0x050000u);
-    EXPECT_EQ(fw_compat(0xA201, 0x123456, 0), 0x03092Au);
-    EXPECT_EQ(g_bomrev_calls, 3);  // other models never read it
-}
-
-TEST(Predicates, OneBoardOfEachFamily) {
-    run_in_child([] {
-        TempRoot root;
-        trel_board b = crafted(0);
-        update_cached_board(&b);
-        struct {
-            uint16_t id;
-            const char *yes;
-        } const cases[] = {
-            {0xA102, "gen1"},
-            {0xA203, "gen2 qca_ap"},
-            {0xA312, "gen3_QV gen3 qca_ap"},
-            {0xA303, "single_5ghz_gen3 gen3 qca_ap"},
-            {0xB500, "kx"},  // no /etc/meshmode.conf
-            {0xB501, "router_to_mesh"},
-            {0xC502, "dax5"},
-            {0xC601, "dax6 qca_ap"},
-            {0xC622, "dax6 dax6_enterprise qca_ap"},
-            {0xC635, "dax6 dax6_birch_iw qca_ap"},
-            {0xC450, "daxac_iw"},
-            {0xC703, "dax7 6ghz_supported qca_ap"},
-            {0xD010, "wifi_only force_detect_loop"},
-            {0xD011, "wifi_only force_detect_loop"},
-            {0xD012, ""},
-            {0xD030, "wifi_only"},
-        };
-        for (const auto &c : cases) EXPECT_EQ(answers_for(&b, c.id), c.yes) << std::hex << c.id;
+        // Without /etc/meshmode.conf first.
+        const std::pair<uint16_t, const char *> cases[] = {{0xA102, "gen1"},
+                                                           {0xA203, "gen2 qca_ap"},
+                                                           {0xA312, "gen3_QV gen3 qca_ap"},
+                                                           {0xA303, "single_5ghz_gen3 gen3 qca_ap"},
+                                                           {0xB500, "kx"},
+                                                           {0xB501, "router_to_mesh"},
+                                                           {0xC502, "dax5"},
+                                                           {0xC622, "dax6 dax6_enterprise qca_ap"},
+                                                           {0xC635, "dax6 dax6_birch_iw qca_ap"},
+                                                           {0xC450, "daxac_iw"},
+                                                           {0xC703, "dax7 6ghz_supported qca_ap"},
+                                                           {0xD010, "wifi_only force_detect_loop"},
+                                                           {0xD011, "wifi_only force_detect_loop"},
+                                                           {0xD012, ""},
+                                                           {0xD030, "wifi_only"}};
+        for (const auto &[id, yes] : cases) EXPECT_EQ(answers_for(&b, id), yes) << std::hex << id;
         root.write("/etc/meshmode.conf", "");
         EXPECT_EQ(answers_for(&b, 0xB500), "kx router_to_mesh");
 
@@ -316,7 +283,7 @@ TEST(Predicates, OneBoardOfEachFamily) {
     });
 }
 
-TEST(Board, Accelerometer) {
+TEST(Board, AccelerometerAndEeprom) {
     TempRoot root;
     const std::string dir = "/sys/bus/i2c/devices/1-0018/iio:device0/";
     EXPECT_EQ(has_accelerometer(), 0);
@@ -332,10 +299,7 @@ TEST(Board, Accelerometer) {
     EXPECT_EQ(json_integer_value(json_object_get(o, "z")), -1024);
     json_decref(o);
     EXPECT_EQ(root.read(dir + "sampling_frequency"), "50");
-}
 
-TEST(Board, Eeprom) {
-    TempRoot root;
     std::string image(65536, '\0');
     for (size_t i = 0; i < image.size(); i++) image[i] = static_cast<char>(i * 7 + 3);
     auto check = [&](const char *what) {
@@ -346,12 +310,9 @@ TEST(Board, Eeprom) {
         buffer_destroy(b);
     };
     int fds = trel_test::open_fd_count();
-    const char mtd[] =
-        "dev:    size   erasesize  name\n"
-        "mtd0: 00040000 00010000 \"u-boot\"\n"
-        "mtd2: 00010000 00010000 \"eeprom\"\n"
-        "mtd3: 00010000 00010000 \"EEPROM\"\n";
-    root.write("/proc/mtd", mtd);
+    root.write("/proc/mtd",
+               "dev:    size   erasesize  name\nmtd0: 00040000 00010000 \"u-boot\"\n"
+               "mtd2: 00010000 00010000 \"eeprom\"\nmtd3: 00010000 00010000 \"EEPROM\"\n");
     root.write("/dev/mtd2", image);
     check("/dev/mtd2");
     root.remove("/dev/mtd2");

@@ -4,12 +4,13 @@
 #include <string.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <trel/device.h>
 
 #include "trel_test.h"
 
-using trel_test::run_in_child;
 using trel_test::TempRoot;
 
 TEST(Status, InterfaceCountersAndIoctls) {
@@ -17,31 +18,24 @@ TEST(Status, InterfaceCountersAndIoctls) {
     trel_dev_status st;
     EXPECT_EQ(fill_dev_status("lo", &st), -1);  // no /proc/net/dev
     const std::string header =
-        "Inter-|   Receive                                                |  Transmit\n"
-        " face |bytes    packets errs drop fifo frame compressed multicast|bytes    packets "
-        "errs drop fifo colls carrier compressed\n";
+        "Inter-|   Receive    |  Transmit\n face |bytes packets |bytes packets\n";
     root.write("/proc/net/dev", header.substr(0, header.find('\n') + 1));
     EXPECT_EQ(fill_dev_status("lo", &st), -ENOENT);
 
-    // Columns 1-4 and 8-12 are kept; "lo0" and "xlo" are not "lo".
-    root.write("/proc/net/dev", header +
-                                    "   lo0: 9 9 9 9 9 9 9 9 9 9 9 9 9 9 9 9\n"
-                                    "  xlo: 9 9 9 9 9 9 9 9 9 9 9 9 9 9 9 9\n"
-                                    "    lo: 1001 1002 1003 1004 5 6 7 1008 2009 2010 2011 0x10 13 "
-                                    "14 15 16\n"
-                                    "    lo: 7 7 7 7 7 7 7 7 7 7 7 7 7 7 7 7\n");
+    // Columns 1-4 and 8-12 of the first "lo" are kept; "lo0" and "xlo" are not "lo".
+    const std::string nines = " 9 9 9 9 9 9 9 9 9 9 9 9 9 9 9 9\n";
+    root.write("/proc/net/dev",
+               header + "   lo0:" + nines + "  xlo:" + nines +
+                   "    lo: 1001 1002 1003 1004 5 6 7 1008 2009 2010 2011 0x10 13 14 15 16\n" +
+                   "    lo:" + nines);
     int fds = trel_test::open_fd_count();
     ASSERT_EQ(fill_dev_status("lo", &st), 0);
     EXPECT_EQ(trel_test::open_fd_count(), fds);
-    EXPECT_EQ(st.rx_bytes, 1001u);
-    EXPECT_EQ(st.rx_packets, 1002u);
-    EXPECT_EQ(st.rx_errors, 1003u);
-    EXPECT_EQ(st.rx_dropped, 1004u);
-    EXPECT_EQ(st.rx_multicast, 1008u);
-    EXPECT_EQ(st.tx_bytes, 2009u);
-    EXPECT_EQ(st.tx_packets, 2010u);
-    EXPECT_EQ(st.tx_errors, 2011u);
-    EXPECT_EQ(st.tx_dropped, 16u);  // base 0: "0x10"
+    // tx dropped is "0x10": base 0.
+    EXPECT_EQ((std::vector<uint64_t>{st.rx_bytes, st.rx_packets, st.rx_errors, st.rx_dropped,
+                                     st.rx_multicast, st.tx_bytes, st.tx_packets, st.tx_errors,
+                                     st.tx_dropped}),
+              (std::vector<uint64_t>{1001, 1002, 1003, 1004, 1008, 2009, 2010, 2011, 16}));
     // The real loopback interface, which has no link settings.
     EXPECT_TRUE(st.flags & IFF_LOOPBACK);
     if (st.flags & IFF_UP) {
@@ -59,16 +53,12 @@ TEST(Status, InterfaceCountersAndIoctls) {
 }
 
 TEST(Status, ReplaceIfname) {
+    // A 17-character name is left alone.
     struct {
         const char *in, *prefix, *out;
-    } const cases[] = {
-        {"lan3", "eth", "eth3"},
-        {"wan12", "lan", "eth12"},
-        {"lan0", "lan", "lan0"},
-        {"eth", "lan", "eth"},
-        {"7up", "eth", "7up"},
-        {"abcdefghijklmnop1", "eth", "abcdefghijklmnop1"},  // 17 characters: left alone
-    };
+    } const cases[] = {{"lan3", "eth", "eth3"}, {"wan12", "lan", "eth12"},
+                       {"lan0", "lan", "lan0"}, {"eth", "lan", "eth"},
+                       {"7up", "eth", "7up"},   {"abcdefghijklmnop1", "eth", "abcdefghijklmnop1"}};
     for (const auto &c : cases) {
         char name[32];
         strcpy(name, c.in);
@@ -78,7 +68,7 @@ TEST(Status, ReplaceIfname) {
 }
 
 TEST(Status, VersionIsCachedOnceRead) {
-    run_in_child([] {
+    trel_test::run_in_child([] {
         TempRoot root;
         const char *v = nullptr;
         EXPECT_EQ(get_version(&v), -ENOENT);
@@ -94,14 +84,12 @@ TEST(Status, VersionIsCachedOnceRead) {
     });
 }
 
-TEST(Status, ConfigFlagAndKeyFiles) {
+TEST(Status, ConfigFlagKeyAndUptimeFiles) {
     TempRoot root;
     const std::string cfg =
-        "# dhcpd.status=enabled\n"
-        "dhcpc.status=enabled\n"
-        "dhcpd.status=enabled\n"
-        "  dhcpd.1.status =\tenabled \r\n"
-        "ebtables.status=enabled\nebtables.50.status=enabled\nebtables.50.status=disabled\n";
+        "# dhcpd.status=enabled\ndhcpc.status=enabled\ndhcpd.status=enabled\n"
+        "  dhcpd.1.status =\tenabled \r\nebtables.status=enabled\nebtables.50.status=enabled\n"
+        "ebtables.50.status=disabled\n";
     root.write("/tmp/system.cfg", cfg);
     trel_service_status s;
     EXPECT_EQ(fill_services(&s), 0);
@@ -163,19 +151,15 @@ TEST(Status, ConfigFlagAndKeyFiles) {
     EXPECT_EQ(system_is_ssh(), 0);  // port 22 only as an established peer
     root.write("/proc/net/tcp", tcp + "   2: 00000000:0016 00000000:0000 0A 00000000:00000000\n");
     EXPECT_EQ(system_is_ssh(), 1);
-}
 
-TEST(Status, UptimeAndTime) {
-    TempRoot root;
     root.write("/var/run/up", "junk\n");
     EXPECT_EQ(get_uptime_from_file("/var/run/up"), UINT64_MAX);
 
     char out[64];
-    struct {
-        uint64_t s;
-        const char *text;
-    } const cases[] = {{0, ""}, {3600, "1h"}, {86400 * 3 + 120, "3d2m"}};
-    for (const auto &c : cases) EXPECT_STREQ(uptime2str(c.s, out, sizeof out), c.text) << c.s;
+    const std::pair<uint64_t, const char *> cases[] = {
+        {0, ""}, {3600, "1h"}, {86400 * 3 + 120, "3d2m"}};
+    for (const auto &[secs, text] : cases)
+        EXPECT_STREQ(uptime2str(secs, out, sizeof out), text) << secs;
     EXPECT_STREQ(uptime2str(90061, out, 5), "1d1h");
 
     trel_time_parts parts;
@@ -186,27 +170,23 @@ TEST(Status, UptimeAndTime) {
 }
 
 TEST(Status, ManagementEnvironment) {
-    TempRoot root;
+    const int P = TREL_VESK_ENV_PROD, S = TREL_VESK_ENV_STAGE, D = TREL_VESK_ENV_DEV;
     struct {
         const char *cfg, *mgmt, *reftype;
         int env, limited;
     } const cases[] = {
-        {nullptr, nullptr, nullptr, TREL_VESK_ENV_PROD, TREL_VESK_ENV_DEV},
-        {nullptr, nullptr, "atag", TREL_VESK_ENV_PROD, TREL_VESK_ENV_PROD},
-        {"mgmt.vesk.env=bogus\n", nullptr, "atag", TREL_VESK_ENV_PROD, TREL_VESK_ENV_PROD},
-        {"mgmt.vesk.env=dev\n", "mgmt.vesk.env=stage\n", "atag", TREL_VESK_ENV_DEV,
-         TREL_VESK_ENV_DEV},
-        {"x=1\n", "mgmt.vesk.env=stage\n", "branch", TREL_VESK_ENV_STAGE, TREL_VESK_ENV_STAGE},
+        {nullptr, nullptr, nullptr, P, D},
+        {nullptr, nullptr, "atag", P, P},
+        {"mgmt.vesk.env=bogus\n", nullptr, "atag", P, P},
+        {"mgmt.vesk.env=dev\n", "mgmt.vesk.env=stage\n", "atag", D, D},
+        {"x=1\n", "mgmt.vesk.env=stage\n", "branch", S, S},
         // Forced production for any build.
-        {"mgmt.vesk.env.force=1\n", nullptr, "branch", TREL_VESK_ENV_PROD, TREL_VESK_ENV_PROD},
-        {nullptr, "mgmt.vesk.env.force=enabled\n", "branch", TREL_VESK_ENV_PROD,
-         TREL_VESK_ENV_PROD},
-        {"mgmt.vesk.env.force=yes\n", nullptr, "atagx", TREL_VESK_ENV_PROD, TREL_VESK_ENV_DEV},
+        {"mgmt.vesk.env.force=1\n", nullptr, "branch", P, P},
+        {nullptr, "mgmt.vesk.env.force=enabled\n", "branch", P, P},
+        {"mgmt.vesk.env.force=yes\n", nullptr, "atagx", P, D},
     };
     for (const auto &c : cases) {
-        root.remove("/tmp");
-        root.remove("/etc");
-        root.remove("/usr");
+        TempRoot root;
         if (c.cfg) root.write("/tmp/system.cfg", c.cfg);
         if (c.mgmt) root.write("/etc/persistent/cfg/mgmt", c.mgmt);
         if (c.reftype)
