@@ -10,8 +10,7 @@
 
 #include "trel_test.h"
 
-using trel_test::LogCapture;
-using trel_test::open_fd_count;
+using namespace trel_test;
 
 static int slept = 0;                   // seconds asked for
 static std::function<void()> on_sleep;  // runs on every call
@@ -24,13 +23,6 @@ extern "C" unsigned int sleep(unsigned int seconds) {
 }
 
 namespace {
-
-// Client sockets bind under the real /var/run.
-bool can_bind_clients() { return access("/var/run", W_OK) == 0; }
-
-std::string sun_path(const sockaddr_un &a) {
-    return std::string(a.sun_path, strnlen(a.sun_path, sizeof a.sun_path));
-}
 
 bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
@@ -52,9 +44,8 @@ std::string pattern(size_t n) {
 // Every datagram pending on fd.
 std::vector<std::string> drain(int fd) {
     std::vector<std::string> out;
-    std::vector<char> buf(65536);
-    for (ssize_t n; (n = recv(fd, buf.data(), buf.size(), MSG_DONTWAIT)) >= 0;)
-        out.emplace_back(buf.data(), n);
+    static char buf[65536];
+    for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) >= 0;) out.emplace_back(buf, n);
     return out;
 }
 
@@ -65,21 +56,21 @@ std::string header(int32_t type, int32_t len) {
 
 // A temporary directory, a datagram socket pair, a body and a receive buffer.
 struct Ipc : ::testing::Test {
-    std::string dir = trel_test::make_temp_dir(), path = dir + "/server.sock";
+    std::string dir = make_temp_dir(), path = dir + "/server.sock";
     int fd[2] = {-1, -1};
     buffer *body = buffer_create(), *got = buffer_create();
     sk_msg in{0, 0, got};
     sockaddr_un from{};
+    sockaddr *addr = (sockaddr *)&from;
     socklen_t fromlen = sizeof from;
     uint32_t saved_level = libtrel_log_level;
 
     Ipc() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fd), 0); }
     ~Ipc() override {
-        for (int f : fd)
-            if (f >= 0) close(f);
+        for (int f : fd) close(f);
         buffer_destroy(body);
         buffer_destroy(got);
-        trel_test::remove_tree(dir);
+        remove_tree(dir);
         libtrel_log_level = saved_level;
     }
     sk_msg message(int32_t type, const std::string &text) {
@@ -87,26 +78,20 @@ struct Ipc : ::testing::Test {
         body->append(body, text.data(), text.size());
         return sk_msg{type, (int32_t)text.size(), body};
     }
-    std::string received() {
-        return std::string(static_cast<const char *>(got->data(got)), got->length(got));
-    }
-    int recv_from(int sock) {
-        fromlen = sizeof from;
-        return sk_msg_recvfrom(sock, &in, (sockaddr *)&from, &fromlen);
-    }
+    std::string received() { return std::string((const char *)got->data(got), got->length(got)); }
 };
 
 TEST_F(Ipc, ServerAndClient) {
-    if (!can_bind_clients()) GTEST_SKIP() << "/var/run is not writable";
+    if (access("/var/run", W_OK) != 0) GTEST_SKIP() << "/var/run is not writable";
     LogCapture log;
     int fds = open_fd_count();
-    trel_test::write_file(path, "stale");
+    write_file(path, "stale");
     uds_sock server, client;
     ASSERT_GE(uds_sock_open_server(path.c_str(), &server), 0);
     std::string name = next_client_name();
     ASSERT_GE(uds_sock_open_client(path.c_str(), &client), 0);
-    EXPECT_EQ(sun_path(client.local), name);
-    EXPECT_EQ(sun_path(client.peer), path);
+    EXPECT_STREQ(client.local.sun_path, name.c_str());
+    EXPECT_STREQ(client.peer.sun_path, path.c_str());
 
     // In one process: the server answers to the client's name.  The variants
     // log differently on purpose: sendto previews 20 characters, and the
@@ -115,76 +100,65 @@ TEST_F(Ipc, ServerAndClient) {
     sk_msg msg = message(5, "ping");
     EXPECT_EQ(sk_msg_send(client.sock, &msg, 1), 4);
     EXPECT_TRUE(log.contains("[debug] sk_msg.sk_msg_send(): Send type:5, len:4, data:ping\n"));
-    EXPECT_EQ(recv_from(server.sock), 4);
-    EXPECT_EQ(sun_path(from), name);
+    EXPECT_EQ(sk_msg_recvfrom(server.sock, &in, addr, &fromlen), 4);
+    EXPECT_STREQ(from.sun_path, name.c_str());
     EXPECT_TRUE(log.contains("[debug] sk_msg.sk_msg_recvfrom(): Recv header type:5, len:4"));
-    std::string reply = pattern(20003).substr(3);
+    std::string reply = pattern(20000);
     msg = message(6, reply);
-    EXPECT_EQ(sk_msg_sendto(server.sock, &msg, (sockaddr *)&from, fromlen), 20000);
+    EXPECT_EQ(sk_msg_sendto(server.sock, &msg, addr, fromlen), 20000);
     EXPECT_TRUE(log.contains("[debug] sk_msg.sk_msg_sendto(): Send type:6, len:20000, data:" +
                              reply.substr(0, 20) + "...\n"));
     EXPECT_EQ(sk_msg_recv(client.sock, &in, 1), 20000);
-    EXPECT_EQ(in.type, 6);
     EXPECT_EQ(received(), "ping" + reply);  // appended to what the buffer held
     EXPECT_FALSE(log.contains("sk_msg_recv(): Recv header")) << log.text();
+
+    // Across a fork: the client sends 40000 bytes from a child process.
+    std::string request = pattern(40000);
+    msg = message(11, request);
+    run_in_child([&] { EXPECT_EQ(sk_msg_send(client.sock, &msg, 1), 40000); });
+    got->reset(got);
+    EXPECT_EQ(sk_msg_recvfrom(server.sock, &in, addr, &fromlen), 40000);
+    EXPECT_EQ(received(), request);
 
     // Each close removes its own name and leaves the descriptor value alone.
     int client_fd = client.sock;
     uds_sock_close(&client);
     EXPECT_EQ(client.sock, client_fd);
     EXPECT_FALSE(exists(name));
-    EXPECT_TRUE(exists(path));
-
-    // Across a fork: a client in a child sends 40000 bytes, queued for the server.
-    std::string request = pattern(40000);
-    trel_test::run_in_child([&] {
-        ASSERT_GE(uds_sock_open_client(path.c_str(), &client), 0);
-        msg = message(11, request);
-        EXPECT_EQ(sk_msg_send(client.sock, &msg, 1), 40000);
-        uds_sock_close(&client);
-    });
-    got->reset(got);
-    EXPECT_EQ(recv_from(server.sock), 40000);
-    EXPECT_EQ(in.type, 11);
-    EXPECT_EQ(received(), request);
     uds_sock_close(&server);
     EXPECT_FALSE(exists(path));
+
+    // No server any more: connecting fails and leaves no client name behind.
+    name = next_client_name();
+    EXPECT_EQ(uds_sock_open_client(path.c_str(), &client), -1);
+    EXPECT_EQ(client.sock, -1);
+    EXPECT_TRUE(log.contains("[error] uds.uds_socket_create(): connect error, path:" + path +
+                             ", errno:2/" + strerror(ENOENT)));
+    EXPECT_FALSE(exists(name));
     EXPECT_EQ(open_fd_count(), fds);
 
     // A hard sendto failure is a debug message only.
-    auto tolen = (socklen_t)(2 + path.size());
-    EXPECT_EQ(sk_msg_sendto(fd[0], &msg, (sockaddr *)&server.local, tolen), -1);
+    EXPECT_EQ(sk_msg_sendto(fd[0], &msg, (sockaddr *)&server.local, sizeof server.local), -1);
     EXPECT_TRUE(log.contains("[debug] sk_msg.sendto_nonblocking(): errno:2/")) << log.text();
 }
 
-TEST_F(Ipc, ChunksOnTheWire) {
+TEST_F(Ipc, ChunksAndTimeouts) {
     std::string text = pattern(40000);
     sk_msg msg = message(7, text);
     ASSERT_EQ(sk_msg_send(fd[0], &msg, 1), 40000);
-    auto grams = drain(fd[1]);
-    ASSERT_EQ(grams.size(), 4u);
-    EXPECT_EQ(grams[0], header(7, 40000));
-    EXPECT_EQ(grams[1].size(), 16384u);
-    EXPECT_EQ(grams[2].size(), 16384u);
-    EXPECT_EQ(grams[3].size(), 7232u);
-    EXPECT_EQ(grams[1] + grams[2] + grams[3], text);
+    EXPECT_EQ(drain(fd[1]),
+              (std::vector<std::string>{header(7, 40000), text.substr(0, 16384),
+                                        text.substr(16384, 16384), text.substr(32768)}));
 
     // A zero-length body is the header alone.
     sk_msg empty{-3, 0, body};
     EXPECT_EQ(sk_msg_send(fd[0], &empty, 1), 0);
-    EXPECT_EQ(drain(fd[1]), std::vector<std::string>{header(-3, 0)});
-    EXPECT_EQ(sk_msg_send(fd[0], &empty, 1), 0);
     EXPECT_EQ(sk_msg_recv(fd[1], &in, 1), 0);
-    EXPECT_EQ(in.type, -3);
-    EXPECT_EQ(got->length(got), 0u);
-}
+    EXPECT_TRUE(drain(fd[1]).empty());
 
-TEST_F(Ipc, Timeouts) {
     // A peer that never reads.
     char filler[4096] = {};
-    while (send(fd[0], filler, sizeof filler, MSG_DONTWAIT) > 0) {
-    }
-    sk_msg msg = message(1, "data");
+    while (send(fd[0], filler, sizeof filler, MSG_DONTWAIT) > 0) continue;
     LogCapture log;
     time_t start = time(nullptr);
     EXPECT_EQ(sk_msg_send(fd[0], &msg, 1), -1);
@@ -198,7 +172,7 @@ TEST_F(Ipc, Timeouts) {
     EXPECT_EQ(sk_msg_recv(fd[0], &in, 1), -1);
     EXPECT_EQ(log.text(), "");
     start = time(nullptr);
-    EXPECT_EQ(recv_from(fd[0]), -1);
+    EXPECT_EQ(sk_msg_recvfrom(fd[0], &in, addr, &fromlen), -1);
     EXPECT_GE(time(nullptr) - start, 3);
     EXPECT_TRUE(
         log.contains("[warn ] sk_msg.req_recv(): Select() timeout fd " + std::to_string(fd[0])));
@@ -217,14 +191,6 @@ TEST_F(Ipc, BadInputAndVanishingPeers) {
     EXPECT_EQ(uds_sock_open_server(missing.c_str(), &rec), -1);
     EXPECT_TRUE(log.contains("[error] uds.uds_socket_create(): bind error, path:" + missing +
                              ", errno:2/" + strerror(ENOENT)));
-    if (can_bind_clients()) {
-        std::string name = next_client_name();
-        EXPECT_EQ(uds_sock_open_client(path.c_str(), &rec), -1);
-        EXPECT_EQ(rec.sock, -1);
-        EXPECT_TRUE(log.contains("[error] uds.uds_socket_create(): connect error, path:" + path +
-                                 ", errno:2/" + strerror(ENOENT)));
-        EXPECT_FALSE(exists(name));
-    }
     EXPECT_EQ(uds_get_sock(nullptr), -1);
     uds_sock_close(nullptr);
 
@@ -232,24 +198,21 @@ TEST_F(Ipc, BadInputAndVanishingPeers) {
     std::string long_path = dir + "/" + std::string(200 - dir.size() - 1, 'p');
     std::string cut = long_path.substr(0, 107);
     ASSERT_GE(uds_sock_open_server(long_path.c_str(), &rec), 0);
-    EXPECT_EQ(sun_path(rec.local), cut);
+    EXPECT_STREQ(rec.local.sun_path, cut.c_str());
     uds_sock_close(&rec);
     EXPECT_FALSE(exists(cut));
 
-    sk_msg msg{1, 0, body};
-    auto *addr = (sockaddr *)&from;
     EXPECT_EQ(sk_msg_send(fd[0], nullptr, 1), -1);
-    EXPECT_EQ(sk_msg_sendto(-1, &msg, addr, fromlen), -1);
-    EXPECT_EQ(sk_msg_recv(-1, &msg, 1), -1);
-    EXPECT_EQ(sk_msg_recvfrom(fd[1], &msg, nullptr, &fromlen), -1);
-    for (const char *f : {"send", "sendto", "recv", "recvfrom"})
-        EXPECT_TRUE(
-            log.contains(std::string("[error] sk_msg.sk_msg_") + f + "(): Invalid parameter"));
+    EXPECT_EQ(sk_msg_sendto(-1, &in, addr, fromlen), -1);
+    EXPECT_EQ(sk_msg_recv(-1, &in, 1), -1);
+    EXPECT_EQ(sk_msg_recvfrom(fd[1], &in, nullptr, &fromlen), -1);
+    for (std::string f : {"send", "sendto", "recv", "recvfrom"})
+        EXPECT_TRUE(log.contains("[error] sk_msg.sk_msg_" + f + "(): Invalid parameter"));
 
     // A descriptor that is not open fails in the wait.
     int bad = 900;
     while (fcntl(bad, F_GETFD) != -1) bad--;
-    EXPECT_EQ(sk_msg_recvfrom(bad, &msg, addr, &fromlen), -1);
+    EXPECT_EQ(sk_msg_recvfrom(bad, &in, addr, &fromlen), -1);
     EXPECT_TRUE(log.contains("[error] sk_msg.req_recv(): Select() error from fd " +
                              std::to_string(bad) + "errno:9/"));
 
@@ -257,7 +220,7 @@ TEST_F(Ipc, BadInputAndVanishingPeers) {
     int sv[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
     close(sv[1]);
-    EXPECT_EQ(sk_msg_send(sv[0], &msg, 1), -1);
+    EXPECT_EQ(sk_msg_send(sv[0], &in, 1), -1);
     EXPECT_TRUE(log.contains("[error] sk_msg.send_nonblocking(): errno:32/")) << log.text();
     close(sv[0]);
 
@@ -283,11 +246,10 @@ const Lock kLocks[] = {
      "[error] statistics.inform_profile_"},
 };
 
-TEST(Lock, InOneProcess) {
-    trel_test::TempRoot root;
+TEST(Lock, InOneProcessAndAcrossProcesses) {
+    TempRoot root;
     LogCapture log;
     int fds = open_fd_count();
-    slept = 0;
     for (const Lock &l : kLocks) {
         EXPECT_EQ(l.lock(), -1);
         EXPECT_TRUE(log.contains(l.name + "lock(): Can't open " + l.path)) << log.text();
@@ -307,16 +269,10 @@ TEST(Lock, InOneProcess) {
     ASSERT_EQ(stat(root.path(kLocks[1].path).c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0640u);
     for (const Lock &l : kLocks) EXPECT_EQ(l.unlock(), 0);
-    EXPECT_EQ(report_locked(), 0);
     EXPECT_TRUE(root.exists(kLocks[1].path));
-    EXPECT_EQ(open_fd_count(), fds);
-}
 
-TEST(Lock, HeldByAChildProcess) {
-    trel_test::TempRoot root;
-    root.mkdir("/var/run/report");
+    // Held by a child process: 11 attempts, then refused.
     pid_t pid = fork();
-    ASSERT_GE(pid, 0);
     if (pid == 0) {
         if (report_lock() == 0 && inform_profile_lock() == 0) raise(SIGSTOP);
         _exit(1);
@@ -324,9 +280,6 @@ TEST(Lock, HeldByAChildProcess) {
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, WUNTRACED), pid);
     ASSERT_TRUE(WIFSTOPPED(status)) << "the child could not take the locks";
-
-    LogCapture log;
-    int fds = open_fd_count();
     for (const Lock &l : kLocks) {
         slept = 0;
         EXPECT_EQ(l.lock(), -1);
@@ -345,8 +298,7 @@ TEST(Lock, HeldByAChildProcess) {
     EXPECT_EQ(report_lock(), 0);
     on_sleep = nullptr;
     EXPECT_EQ(slept, 3);
-    EXPECT_EQ(inform_profile_lock(), 0);
-    for (const Lock &l : kLocks) EXPECT_EQ(l.unlock(), 0);
+    EXPECT_EQ(report_unlock(), 0);
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
 }
@@ -363,7 +315,6 @@ TEST(Avg, MeansAccumulatorsAndOutliers) {
     EXPECT_EQ(trel_avg_round(5, 2), 3);
     EXPECT_EQ(trel_avg_round(-5, 2), -3);
     EXPECT_EQ(trel_avg_round(4, 3), 1);
-    EXPECT_EQ(trel_avg_round(-3, 4), -1);
     EXPECT_EQ(trel_avg_round(7, 0), 0);
     int64_t values[] = {1, 2, 2, -9};
     EXPECT_EQ(trel_avg_array(values, 4), -1);
@@ -379,10 +330,9 @@ TEST(Avg, MeansAccumulatorsAndOutliers) {
     trel_avg w{};
     trel_avg_inc_weighted(&w, -1, 100);
     trel_avg_inc_weighted(&w, 3, 4);
-    trel_avg_inc_weighted(&w, 65536, 65536);
     trel_avg_inc_weighted(&w, INT32_MAX, 2);
     EXPECT_EQ(w.sum, 10);
-    EXPECT_EQ(w.count, 65542);
+    EXPECT_EQ(w.count, 6);
 
     // The average is cut to 32 bits.
     trel_avg wide{((int64_t)1 << 33) + 5, 1, 0};
@@ -397,9 +347,8 @@ TEST(Avg, MeansAccumulatorsAndOutliers) {
     EXPECT_EQ(filter({10, 10, 10, 10}, &mean).size(), 4u);
 
     // sd 2846: the large value is 316 hundredths out; the mean is not redone.
-    std::vector<int64_t> v(10, 100);
-    v.insert(v.begin() + 4, 10000);
-    EXPECT_EQ(filter(v, &mean), std::vector<int64_t>(10, 100));
+    EXPECT_EQ(filter({100, 100, 100, 100, 10000, 100, 100, 100, 100, 100, 100}, &mean),
+              std::vector<int64_t>(10, 100));
     EXPECT_EQ(mean, 1000);
     // Mean 4, sd 10: 300 hundredths out is kept.
     EXPECT_EQ(filter({0, 0, 0, 0, 0, 0, 0, 0, 34}, &mean).size(), 9u);
