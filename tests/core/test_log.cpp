@@ -4,13 +4,14 @@
 #include "trel_test.h"
 
 using trel_test::LogCapture;
-using trel_test::TempRoot;
 
 namespace {
 
+// The line head; the bracketed level column only when a level is given.
 std::string prefix(const char *level, const char *module, const char *function) {
-    return std::string(program_invocation_short_name) + "[" + std::to_string(getpid()) + "]: [" +
-           level + "] " + module + "." + function + "(): ";
+    std::string column = level ? std::string("[") + level + "] " : "";
+    return std::string(program_invocation_short_name) + "[" + std::to_string(getpid()) +
+           "]: " + column + module + "." + function + "(): ";
 }
 
 }  // namespace
@@ -36,7 +37,7 @@ TEST(Log, StreamLinesCarryPrefixAndPaddedLevel) {
 TEST(Log, SyslogPathTruncatesAt1023Characters) {
     // LOG_PERROR makes syslog echo what it sends onto standard error.
     trel_test::run_in_child([] {
-        TempRoot root;
+        trel_test::TempRoot root;
         root.write("/var/log/messages", "");
         LogCapture cap;
         libtrel_log_use_syslog = 1;
@@ -44,12 +45,8 @@ TEST(Log, SyslogPathTruncatesAt1023Characters) {
         libtrel_log(3, "cfg", "parse", "%s", std::string(3000, 'q').c_str());
         closelog();
         std::string text = cap.text();
-        std::string head = std::string(program_invocation_short_name) + "[" +
-                           std::to_string(getpid()) + "]: cfg.parse(): ";
-        size_t start = text.find(head);
-        ASSERT_NE(start, std::string::npos) << text;
-        start += head.size();
-        EXPECT_EQ(text.find_first_not_of('q', start) - start, 1023u);
+        std::string line = prefix(nullptr, "cfg", "parse") + std::string(1023, 'q') + "\n";
+        EXPECT_NE(text.find(line), std::string::npos) << text;
         // The bracketed level column belongs to the stream path only.
         EXPECT_EQ(text.find("[error]"), std::string::npos);
     });
@@ -60,19 +57,16 @@ TEST(Log, HexDumpLines) {
     unsigned char data[17];
     for (int i = 0; i < 17; i++) data[i] = (unsigned char)(i * 16 + 1);
     std::string p = prefix("debug", "m", "f");
-    libtrel_log_hex(7, "m", "f", data, 0, "empty");
-    EXPECT_NE(cap.text().find("empty - HEX("), std::string::npos);
-    EXPECT_NE(cap.text().find(") len 0\n"), std::string::npos);
-    cap.clear();
+    libtrel_log_hex(7, "m", "f", data, 0, "empty");  // header only
+    libtrel_log_hex(7, "m", "f", data, 16, "t");     // header and one full line
     libtrel_log_hex(7, "m", "f", data, 17, nullptr);
     auto lines = cap.lines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0].rfind(p + " - HEX(", 0), 0u) << lines[0];
-    EXPECT_EQ(lines[1], p + "00000000: 01 11 21 31 41 51 61 71 81 91 a1 b1 c1 d1 e1 f1");
-    EXPECT_EQ(lines[2], p + "00000010: 01");
-    cap.clear();
-    libtrel_log_hex(7, "m", "f", data, 16, "t");
-    EXPECT_EQ(cap.lines().size(), 2u);
+    ASSERT_EQ(lines.size(), 6u) << cap.text();
+    EXPECT_EQ(lines[0].rfind(p + "empty - HEX(", 0), 0u) << lines[0];
+    EXPECT_EQ(lines[0].substr(lines[0].size() - 7), ") len 0") << lines[0];
+    EXPECT_EQ(lines[3].rfind(p + " - HEX(", 0), 0u) << lines[3];
+    EXPECT_EQ(lines[4], p + "00000000: 01 11 21 31 41 51 61 71 81 91 a1 b1 c1 d1 e1 f1");
+    EXPECT_EQ(lines[5], p + "00000010: 01");
 }
 
 TEST(Log, JsonDumpNumbersLinesAndSplitsLongOnes) {
@@ -82,10 +76,9 @@ TEST(Log, JsonDumpNumbersLinesAndSplitsLongOnes) {
     EXPECT_EQ(cap.text(), p + "JSON -     : title\n" + p + "JSON -     : null data\n");
 
     // Pieces fill a 960-byte syslog line after its own header.
-    std::string prog = program_invocation_short_name;
-    size_t width =
-        960 -
-        (prog + ": " + prog + "[" + std::to_string(getpid()) + "]: m.f(): JSON -     : ").size();
+    std::string head =
+        std::string(program_invocation_short_name) + ": " + prefix(nullptr, "m", "f");
+    size_t width = 960 - (head + "JSON -     : ").size();
     std::string long_text(width + 10, 'x');
     json_t *obj = json_pack("{s:s, s:i}", "a", long_text.c_str(), "b", 1);
     cap.clear();

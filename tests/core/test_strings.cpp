@@ -15,7 +15,7 @@ TEST(Strings, Trimming) {
     EXPECT_STREQ(dst, "0123456");
 }
 
-TEST(Strings, HexConversions) {
+TEST(Strings, HexAndMacConversions) {
     unsigned char out[4] = {9, 9, 9, 9};
     EXPECT_EQ(hex2uchar("0a0b", out, 4), 4);
     EXPECT_EQ(memcmp(out, "\x0a\x0b\0\0", 4), 0);
@@ -36,9 +36,7 @@ TEST(Strings, HexConversions) {
     const unsigned char many[8] = {0xa0, 0xa1, 0xa2, 0xa3, 0xa4, 0xa5, 0xa6, 0xa7};
     EXPECT_EQ(bin2hex(many, 0, hex, 9), 8);
     EXPECT_STREQ(hex, "a0a1a2a3");
-}
 
-TEST(Strings, MacParsing) {
     unsigned char mac[6] = {7, 7, 7, 7, 7, 7};
     EXPECT_EQ(strtomac("00:11:22:33:44", mac), -1);
     EXPECT_EQ(memcmp(mac, "\7\7\7\7\7\7", 6), 0);
