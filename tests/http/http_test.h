@@ -18,11 +18,3 @@ struct Response {
         return std::string((const char *)r->body->data(r->body), r->body->length(r->body));
     }
 };
-
-inline trel_test::HttpResponse reply(int status, std::string body) {
-    trel_test::HttpResponse r;
-    r.status = status;
-    r.reason = status == 200 ? "OK" : "Whatever";
-    r.body = std::move(body);
-    return r;
-}

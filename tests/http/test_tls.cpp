@@ -2,7 +2,6 @@
 // certificates, and the DNS-over-HTTPS provider loop.  The trusted cases run
 // in a private mount namespace where the test certificates are bound over
 // libcurl's CA bundle and a test hosts file over /etc/hosts.
-#include <arpa/inet.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <sched.h>
@@ -27,7 +26,7 @@ using trel_test::HttpServer;
 
 std::string g_dir;  // certificate, key and hosts file
 
-HttpResponse fail(const HttpRequest &) { return reply(500, ""); }
+HttpResponse fail(const HttpRequest &) { return {500}; }
 
 struct TlsStream : trel_test::HttpStream {
     SSL *ssl;
@@ -41,31 +40,28 @@ struct TlsStream : trel_test::HttpStream {
     bool buffered() override { return SSL_pending(ssl) > 0; }
 };
 
-// An HTTPS server on 127.0.0.1 with the named certificate; a refused
+// An HTTPS server on 127.0.0.1 with the test certificate; a refused
 // handshake drops the connection.
 struct TlsServer : HttpServer {
-    explicit TlsServer(const std::string &name, Handler handler = nullptr)
-        : HttpServer(std::move(handler),
-                     [ctx = context(name)](int fd) -> std::unique_ptr<trel_test::HttpStream> {
-                         struct timeval tv = {10, 0};
-                         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-                         SSL *ssl = SSL_new(ctx.get());
-                         SSL_set_fd(ssl, fd);
-                         if (SSL_accept(ssl) == 1) return std::make_unique<TlsStream>(ssl);
-                         ERR_clear_error();
-                         SSL_free(ssl);
-                         return nullptr;
-                     }) {}
-    static std::shared_ptr<SSL_CTX> context(const std::string &name) {
+    explicit TlsServer(Handler handler = nullptr)
+        : HttpServer(std::move(handler), [ctx = context()](int fd) {
+              struct timeval tv = {10, 0};  // a silent client cannot stall the handshake
+              setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+              SSL *ssl = SSL_new(ctx.get());
+              SSL_set_fd(ssl, fd);
+              if (SSL_accept(ssl) == 1) return std::unique_ptr<TlsStream>(new TlsStream(ssl));
+              ERR_clear_error();
+              SSL_free(ssl);
+              return std::unique_ptr<TlsStream>();
+          }) {}
+    static std::shared_ptr<SSL_CTX> context() {
         signal(SIGPIPE, SIG_IGN);  // clients that refuse the certificate hang up
         std::shared_ptr<SSL_CTX> ctx(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
-        EXPECT_EQ(SSL_CTX_use_certificate_file(ctx.get(), (g_dir + name + ".pem").c_str(), 1), 1);
-        EXPECT_EQ(SSL_CTX_use_PrivateKey_file(ctx.get(), (g_dir + name + ".key").c_str(), 1), 1);
+        EXPECT_EQ(SSL_CTX_use_certificate_file(ctx.get(), (g_dir + "good.pem").c_str(), 1), 1);
+        EXPECT_EQ(SSL_CTX_use_PrivateKey_file(ctx.get(), (g_dir + "good.key").c_str(), 1), 1);
         return ctx;
     }
-    std::string https(const std::string &path = "/") const {
-        return "https://127.0.0.1:" + std::to_string(port()) + path;
-    }
+    std::string https(const std::string &path = "/") const { return url(path, "https"); }
 };
 
 // A DNS wire-format answer: 127.0.0.1 for every A query, nothing for others.
@@ -80,9 +76,7 @@ HttpResponse doh_answer(const HttpRequest &req) {
     out.replace(2, 10, std::string("\x81\x80\0\1\0\0\0\0\0\0", 10));  // a response
     out[7] = is_a ? 1 : 0;                                            // answer count
     if (is_a) out += std::string("\xc0\x0c\0\1\0\1\0\0\0\x3c\0\4\x7f\0\0\1", 16);
-    HttpResponse r = reply(200, out);
-    r.headers.push_back({"Content-Type", "application/dns-message"});
-    return r;
+    return {200, out, {{"Content-Type", "application/dns-message"}}};
 }
 
 class Tls : public ::testing::Test {
@@ -127,7 +121,7 @@ protected:
 TEST_F(Tls, CertificateAndHostNameVerification) {
     {
         // Not trusted: the handshake is refused and nothing is sent.
-        TlsServer server("good");
+        TlsServer server;
         Response resp;
         EXPECT_EQ(curl_simple_get(server.https().c_str(), 0, nullptr, resp.r),
                   CURLE_PEER_FAILED_VERIFICATION);
@@ -137,8 +131,8 @@ TEST_F(Tls, CertificateAndHostNameVerification) {
         EXPECT_TRUE(server.requests().empty());
     }
     in_namespace([] {
-        TlsServer good("good");
-        good.add_response(reply(200, "ok"));
+        TlsServer good;
+        good.add_response({200, "ok"});
         Response resp;
         EXPECT_EQ(curl_simple_post(good.https("/in").c_str(), 0, nullptr, "data", 4, resp.r),
                   CURLE_OK);
@@ -158,9 +152,8 @@ TEST_F(Tls, DohProvidersAndFallback) {
     in_namespace([] {
         std::atomic<bool> answer{true};
         HttpServer web;
-        TlsServer first("good", fail);
-        TlsServer second("good",
-                         [&](const HttpRequest &q) { return answer ? doh_answer(q) : fail(q); });
+        TlsServer first(fail);
+        TlsServer second([&](const HttpRequest &q) { return answer ? doh_answer(q) : fail(q); });
         std::string a = first.https("/dns-query"), b = second.https("/dns-query");
         curl_simple_doh_providers[0] = a.c_str();
         curl_simple_doh_providers[1] = b.c_str();

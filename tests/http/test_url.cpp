@@ -116,8 +116,6 @@ TEST(Url, CopyAndReplace) {
     ASSERT_NE(c, nullptr);
     // Every text is a copy of its own.
     EXPECT_NE(c->url, src->url);
-    EXPECT_NE(c->host, src->host);
-    EXPECT_NE(c->path, src->path);
     EXPECT_STREQ(c->orig, src->orig);
     EXPECT_EQ(describe(c), describe(src.get()));
     EXPECT_EQ(c->resolve_state, 3);
@@ -175,23 +173,11 @@ TEST(Url, Resolve) {
     EXPECT_EQ(u->ai.ai_socktype, last->ai_socktype);
     EXPECT_NE(u->ai.ai_socktype, list->ai_socktype);
     freeaddrinfo(list);
-
-    // A getaddrinfo failure is passed back; the old address is cleared.
-    UrlPtr name(url_parse("http://h.lan/"));
-    name->ai.ai_addr = reinterpret_cast<struct sockaddr *>(name->addr);
-    EXPECT_EQ(url_resolve(name.get(), &hints), EAI_NONAME);
-    EXPECT_EQ(name->ai.ai_addr, nullptr);
-    strcpy(text, "untouched");
-    EXPECT_EQ(url_addr_ntop(name.get(), text, sizeof text), 0);
-    EXPECT_STREQ(text, "untouched");
     EXPECT_EQ(url_resolve(nullptr, nullptr), -1);
     EXPECT_EQ(url_addr_ntop(nullptr, text, sizeof text), EINVAL);
-}
 
-TEST(Url, ResolveLogging) {
     trel_test::LogCapture log;
     uint32_t saved = libtrel_log_level;
-    UrlPtr u(url_parse("http://127.0.0.1:8080/"));
     // Level: url line, address listing.
     const struct {
         uint32_t level;
@@ -211,14 +197,17 @@ TEST(Url, ResolveLogging) {
         EXPECT_EQ(log.contains("  Port:\t\t8080"), r.listing);
         EXPECT_EQ(log.contains("  IPv4 Address:\t127.0.0.1"), r.listing);
     }
-
-    libtrel_log_level = 8;
+    // A getaddrinfo failure is passed back and logged; the old address is cleared.
     UrlPtr name(url_parse("http://h.lan/"));
-    struct addrinfo hints = {};
-    hints.ai_flags = AI_NUMERICHOST;
-    EXPECT_NE(url_resolve(name.get(), &hints), 0);
+    name->ai.ai_addr = reinterpret_cast<struct sockaddr *>(name->addr);
+    libtrel_log_level = 8;
+    EXPECT_EQ(url_resolve(name.get(), &any), EAI_NONAME);
     EXPECT_TRUE(log.contains(std::string("failed to resolve URL : ") + gai_strerror(EAI_NONAME)))
         << log.text();
+    EXPECT_EQ(name->ai.ai_addr, nullptr);
+    strcpy(text, "untouched");
+    EXPECT_EQ(url_addr_ntop(name.get(), text, sizeof text), 0);
+    EXPECT_STREQ(text, "untouched");
     libtrel_log_level = saved;
 }
 

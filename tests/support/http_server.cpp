@@ -1,13 +1,11 @@
 #include "http_server.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <strings.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -18,7 +16,6 @@ namespace {
 
 constexpr size_t kMaxRequestBytes = 16 << 20;
 constexpr int kIdleMs = 10000;  // silence tolerated on one connection
-constexpr int kLifetimeMs = 60000;
 
 // The socket as is.
 struct PlainStream : HttpStream {
@@ -30,33 +27,13 @@ struct PlainStream : HttpStream {
     }
 };
 
-int64_t now_ms() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
-}
-
-// Waits for fd to become readable, or for wake_fd, up to timeout_ms.
-// 1 readable, 0 timeout or woken.
-int wait_readable(int fd, int wake_fd, int timeout_ms) {
-    struct pollfd p[2] = {{fd, POLLIN, 0}, {wake_fd, POLLIN, 0}};
-    return poll(p, 2, timeout_ms) > 0 && !(p[1].revents & POLLIN) ? 1 : 0;
-}
-
 bool send_all(HttpStream &out, const std::string &data) {
-    size_t off = 0;
-    while (off < data.size()) {
+    for (size_t off = 0; off < data.size();) {
         ssize_t n = out.write(data.data() + off, data.size() - off);
         if (n <= 0) return false;
         off += (size_t)n;
     }
     return true;
-}
-
-std::string trim(const std::string &s) {
-    size_t a = s.find_first_not_of(" \t");
-    size_t b = s.find_last_not_of(" \t\r");
-    return a == std::string::npos ? "" : s.substr(a, b - a + 1);
 }
 
 // A request head without its blank line: method line and headers.
@@ -66,11 +43,10 @@ HttpRequest parse_request_head(const std::string &head) {
     req.line = head.substr(0, eol);
     while (eol != std::string::npos) {
         size_t next = head.find("\r\n", eol + 2);
-        std::string h =
-            head.substr(eol + 2, next == std::string::npos ? std::string::npos : next - eol - 2);
-        size_t colon = h.find(':');
+        std::string h = head.substr(eol + 2, next == std::string::npos ? next : next - eol - 2);
+        size_t colon = h.find(':'), value = h.find_first_not_of(' ', colon + 1);
         if (colon != std::string::npos)
-            req.headers.emplace_back(h.substr(0, colon), trim(h.substr(colon + 1)));
+            req.headers.emplace_back(h.substr(0, colon), value == h.npos ? "" : h.substr(value));
         eol = next;
     }
     return req;
@@ -78,13 +54,8 @@ HttpRequest parse_request_head(const std::string &head) {
 
 // The wire form of a response; it always closes the connection.
 std::string format_response(const HttpResponse &resp) {
-    std::string out = "HTTP/1.1 " + std::to_string(resp.status) + " " + resp.reason + "\r\n";
-    bool has_type = false;
-    for (const auto &h : resp.headers) {
-        out += h.first + ": " + h.second + "\r\n";
-        if (strcasecmp(h.first.c_str(), "Content-Type") == 0) has_type = true;
-    }
-    if (!has_type) out += "Content-Type: text/plain\r\n";
+    std::string out = "HTTP/1.1 " + std::to_string(resp.status) + " Whatever\r\n";
+    for (const auto &h : resp.headers) out += h.first + ": " + h.second + "\r\n";
     out += "Content-Length: " + std::to_string(resp.body.size()) + "\r\nConnection: close\r\n\r\n";
     return out + resp.body;
 }
@@ -100,36 +71,36 @@ std::string HttpRequest::header(const std::string &name) const {
 HttpServer::HttpServer(Handler handler, StreamFactory wrap)
     : handler_(std::move(handler)), wrap_(std::move(wrap)) {
     listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int one = 1;
-    setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     struct sockaddr_in sin = {};
     sin.sin_family = AF_INET;
     sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof sin;
     if (listen_fd_ < 0 || bind(listen_fd_, (struct sockaddr *)&sin, sizeof sin) != 0 ||
         listen(listen_fd_, 16) != 0 ||
-        getsockname(listen_fd_, (struct sockaddr *)&sin, &len) != 0 ||
-        pipe2(wake_, O_CLOEXEC) != 0) {
+        getsockname(listen_fd_, (struct sockaddr *)&sin, &len) != 0) {
         ADD_FAILURE_AT(__FILE__, __LINE__);
         return;
     }
     port_ = ntohs(sin.sin_port);
-    deadline_ = now_ms() + kLifetimeMs;
-    thread_ = std::thread([this] { run(); });
+    thread_ = std::thread([this] {
+        while (!stopping_) {
+            if (!readable(listen_fd_, 100)) continue;
+            int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd < 0) continue;
+            connections_++;
+            serve(fd);
+            close(fd);
+        }
+    });
 }
 
 HttpServer::~HttpServer() {
     stop();
     if (listen_fd_ >= 0) close(listen_fd_);
-    for (int fd : wake_)
-        if (fd >= 0) close(fd);
 }
 
 void HttpServer::stop() {
-    if (!stopping_.exchange(true) && wake_[1] >= 0) {
-        char c = 1;
-        (void)!write(wake_[1], &c, 1);
-    }
+    stopping_ = true;
     if (thread_.joinable()) thread_.join();
 }
 
@@ -138,8 +109,8 @@ void HttpServer::add_response(HttpResponse response) {
     queue_.push_back(std::move(response));
 }
 
-std::string HttpServer::url(const std::string &path) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + path;
+std::string HttpServer::url(const std::string &path, const std::string &scheme) const {
+    return scheme + "://127.0.0.1:" + std::to_string(port_) + path;
 }
 
 std::vector<HttpRequest> HttpServer::requests() const {
@@ -147,26 +118,13 @@ std::vector<HttpRequest> HttpServer::requests() const {
     return requests_;
 }
 
-HttpResponse HttpServer::respond(const HttpRequest &request) {
-    if (handler_) return handler_(request);
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (queue_.empty()) return HttpResponse{};
-    HttpResponse r = std::move(queue_.front());
-    queue_.pop_front();
-    return r;
-}
-
-void HttpServer::run() {
-    while (!stopping_) {
-        int64_t left = deadline_ - now_ms();
-        if (left <= 0) break;
-        if (wait_readable(listen_fd_, wake_[0], (int)(left < 200 ? left : 200)) != 1) continue;
-        int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) continue;
-        connections_++;
-        serve(fd);
-        close(fd);
+// Waits up to timeout_ms for fd to become readable; false on time-out or stop.
+bool HttpServer::readable(int fd, int timeout_ms) const {
+    for (; timeout_ms > 0 && !stopping_; timeout_ms -= 50) {
+        struct pollfd p = {fd, POLLIN, 0};
+        if (poll(&p, 1, 50) > 0) return true;
     }
+    return false;
 }
 
 // Serves one request on a connection (every response closes it).
@@ -178,12 +136,10 @@ void HttpServer::serve(int fd) {
         // Reads until in holds want bytes; false on close, silence or stop.
         char chunk[16384];
         while (in.size() < want) {
-            if (stopping_ || (!stream->buffered() && wait_readable(fd, wake_[0], kIdleMs) != 1))
-                return false;
+            if (!stream->buffered() && !readable(fd, kIdleMs)) return false;
             ssize_t n = stream->read(chunk, sizeof chunk);
-            if (n <= 0) return false;
+            if (n <= 0 || in.size() + (size_t)n > kMaxRequestBytes) return false;
             in.append(chunk, (size_t)n);
-            if (in.size() > kMaxRequestBytes) return false;
         }
         return true;
     };
@@ -199,20 +155,23 @@ void HttpServer::serve(int fd) {
     if (length > kMaxRequestBytes || !fill(length)) return;
     req.body = in.substr(0, length);
 
-    HttpResponse resp = respond(req);
+    HttpResponse resp;
+    if (handler_) resp = handler_(req);
     {
         std::lock_guard<std::mutex> lock(mutex_);
+        if (!handler_ && !queue_.empty()) {
+            resp = std::move(queue_.front());
+            queue_.pop_front();
+        }
         requests_.push_back(req);
     }
-    if (resp.hang) {
-        // Wait for the client to give up, the server to stop or its
-        // lifetime to end.
-        char c[256];
-        while (!stopping_ && now_ms() < deadline_)
-            if (wait_readable(fd, wake_[0], 200) == 1 && recv(fd, c, sizeof c, 0) <= 0) return;
-        return;
-    }
-    send_all(*stream, format_response(resp));
+    // A hanging response waits for the client to leave.
+    char c[256];
+    if (resp.hang)
+        while (readable(fd, kIdleMs) && recv(fd, c, sizeof c, 0) > 0) {
+        }
+    else
+        send_all(*stream, format_response(resp));
 }
 
 }  // namespace trel_test

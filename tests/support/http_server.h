@@ -1,8 +1,8 @@
 // A loopback HTTP/1.1 server for tests: real sockets on 127.0.0.1 and an
 // ephemeral port, one thread serving one connection at a time, canned or
-// computed responses, and a record of every request.  Bounded: it gives up on
-// a connection after 10 seconds of silence and stops by itself after a
-// minute.  A stream factory can put another layer (TLS) over each connection.
+// computed responses, and a record of every request.  A connection silent for
+// 10 seconds is dropped.  A stream factory can put another layer (TLS) over
+// each connection.
 #pragma once
 
 #include <stdint.h>
@@ -31,12 +31,13 @@ struct HttpRequest {
 };
 
 struct HttpResponse {
-    int status = 200;
-    std::string reason = "OK";
-    HttpHeaders headers;
+    HttpResponse(int s = 200, std::string b = "", HttpHeaders h = {})
+        : status(s), body(std::move(b)), headers(std::move(h)) {}
+    int status;
     std::string body;
-    // Read the request and never answer (until the client leaves or the
-    // server stops).
+    HttpHeaders headers;
+    // Read the request and never answer (until the client leaves, the
+    // connection stays silent or the server stops).
     bool hang = false;
 };
 
@@ -59,29 +60,24 @@ public:
     // empty body.  Without a factory the socket is read and written as is.
     explicit HttpServer(Handler handler = nullptr, StreamFactory wrap = nullptr);
     ~HttpServer();
-    HttpServer(const HttpServer &) = delete;
-    HttpServer &operator=(const HttpServer &) = delete;
 
     void add_response(HttpResponse response);
     uint16_t port() const { return port_; }
-    // "http://127.0.0.1:<port><path>"
-    std::string url(const std::string &path = "/") const;
+    // "<scheme>://127.0.0.1:<port><path>"
+    std::string url(const std::string &path = "/", const std::string &scheme = "http") const;
     // Requests seen so far (complete ones only).
     std::vector<HttpRequest> requests() const;
     int connections() const { return connections_.load(); }
     void stop();
 
 private:
-    void run();
+    bool readable(int fd, int timeout_ms) const;
     void serve(int fd);
-    HttpResponse respond(const HttpRequest &request);
 
     Handler handler_;
     StreamFactory wrap_;
     int listen_fd_ = -1;
-    int wake_[2] = {-1, -1};
     uint16_t port_ = 0;
-    int64_t deadline_ = 0;
     std::atomic<bool> stopping_{false};
     std::atomic<int> connections_{0};
     mutable std::mutex mutex_;
