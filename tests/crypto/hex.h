@@ -19,10 +19,7 @@ inline std::vector<uint8_t> unhex(const std::string &hex) {
 inline std::string hex(const uint8_t *p, size_t n) {
     static const char digits[] = "0123456789abcdef";
     std::string s;
-    for (size_t i = 0; i < n; i++) {
-        s += digits[p[i] >> 4];
-        s += digits[p[i] & 15];
-    }
+    for (size_t i = 0; i < n; i++) s.append({digits[p[i] >> 4], digits[p[i] & 15]});
     return s;
 }
 

@@ -1,9 +1,5 @@
 #include <openssl/evp.h>
 
-#include <random>
-
-#include <trel/crypto.h>
-
 #include "hex.h"
 #include "trel_test.h"
 
@@ -23,15 +19,14 @@ const char kCbcCipher[] =
     "7649abac8119b246cee98e9b12e9197d5086cb9b507219ee95db113a917678b2"
     "73bed6b8e3c1743b7116e69e222295163ff1caa1681fac09120eca307586e1a7";
 
-// One EVP encryption of whole blocks without padding; the reference for the cross-checks.
+// One EVP encryption of whole blocks (no Final, so no padding); the reference for the cross-checks.
 std::vector<uint8_t> evp(const EVP_CIPHER *cipher, const std::vector<uint8_t> &key,
                          const uint8_t *iv, const std::vector<uint8_t> &in) {
     EVP_CIPHER_CTX *c = EVP_CIPHER_CTX_new();
     std::vector<uint8_t> out(in.size());
     int n = 0;
     EVP_EncryptInit_ex(c, cipher, nullptr, key.data(), iv);
-    EVP_CIPHER_CTX_set_padding(c, 0);
-    EVP_EncryptUpdate(c, out.data(), &n, in.data(), (int)in.size());  // whole blocks: all out
+    EVP_EncryptUpdate(c, out.data(), &n, in.data(), (int)in.size());
     EVP_CIPHER_CTX_free(c);
     out.resize((size_t)n);
     return out;
@@ -56,19 +51,15 @@ TEST(Aes, Fips197AppendixC) {
     uint32_t rk[60];
     for (const auto &c : cases) {
         SCOPED_TRACE(c.bits);
-        auto key = unhex(c.key), pt = unhex(kPlain);
+        auto key = unhex(c.key), pt = unhex(kPlain), blk = pt;
         memset(&ctx, 0xa5, sizeof ctx);
         ASSERT_EQ(rijndael_set_key(&ctx, key.data(), c.bits), 0);
         EXPECT_EQ(ctx.encrypt_only, 0);
-        uint8_t out[16], buf[16];
-        rijndael_encrypt(&ctx, pt.data(), out);
-        EXPECT_EQ(hex(out, 16), c.cipher);
-        rijndael_decrypt(&ctx, out, buf);
-        EXPECT_EQ(hex(buf, 16), kPlain);
-        rijndael_encrypt(&ctx, buf, buf);
-        EXPECT_EQ(hex(buf, 16), c.cipher);
-        rijndael_decrypt(&ctx, buf, buf);
-        EXPECT_EQ(hex(buf, 16), kPlain);
+        uint8_t out[16];
+        rijndael_encrypt(&ctx, blk.data(), blk.data());
+        EXPECT_EQ(hex(blk), c.cipher);
+        rijndael_decrypt(&ctx, blk.data(), blk.data());
+        EXPECT_EQ(hex(blk), kPlain);
 
         ASSERT_EQ(rijndael_set_key_enc_only(&enc, key.data(), c.bits), 0);
         EXPECT_EQ(enc.encrypt_only, 1);
@@ -94,7 +85,6 @@ TEST(Aes, Fips197AppendixC) {
 // no other multiple of 16 passes, rejected calls and the IV stay untouched.
 TEST(AesCbc, VectorsAndLengthRules) {
     auto key = unhex(kCbcKey), iv = unhex(kCbcIv), data = unhex(kCbcPlain);
-    const auto orig = data;
     ASSERT_EQ(aes_cbc_encrypt_128(key.data(), iv.data(), data.data(), data.size()), 0);
     EXPECT_EQ(hex(data), kCbcCipher);
     ASSERT_EQ(aes_cbc_decrypt_128(key.data(), iv.data(), data.data(), data.size()), 0);
@@ -107,11 +97,10 @@ TEST(AesCbc, VectorsAndLengthRules) {
         EXPECT_EQ(aes_cbc_encrypt_128(key.data(), iv.data(), data.data(), len), -1);
         EXPECT_EQ(aes_cbc_decrypt_128(key.data(), iv.data(), data.data(), len), -1);
     }
-    EXPECT_EQ(data, orig);
+    EXPECT_EQ(hex(data), kCbcPlain);
     // Only the given length is touched.
     ASSERT_EQ(aes_cbc_encrypt_128(key.data(), iv.data(), data.data(), 48), 0);
-    EXPECT_EQ(hex(data.data(), 48), std::string(kCbcCipher, 96));
-    EXPECT_EQ(hex(data.data() + 48, 16), std::string(kCbcPlain + 96));
+    EXPECT_EQ(hex(data), std::string(kCbcCipher, 96) + (kCbcPlain + 96));
     EXPECT_EQ(hex(iv), kCbcIv);
 
     uint8_t a[16] = {0}, b[16] = {0};
