@@ -66,25 +66,32 @@ int wait_writable(int fd, unsigned timeout, const char *origin) noexcept {
     }
 }
 
-int send_nonblocking(int fd, const void *data, size_t count, unsigned timeout) noexcept {
+// Sends count bytes in non-blocking pieces, waiting for writability before
+// each; messages carry origin as the function name.  A hard send failure is
+// an error, or only a debug message when quiet_failure is set.
+int send_all(int fd, const void *data, size_t count, unsigned timeout, const sockaddr *addr,
+             socklen_t addrlen, bool quiet_failure, const char *origin) noexcept {
     if (fd < 0) {
-        TREL_ERR(kModule, "Invalid socketfd:%d", fd);
+        if (libtrel_log_level > 0) libtrel_log(3, kModule, origin, "Invalid socketfd:%d", fd);
         return -1;
     }
     const auto *bytes = static_cast<const unsigned char *>(data);
     size_t done = 0;
     while (done < count) {
-        if (wait_writable(fd, timeout, __func__) != 1) return -1;
-        ssize_t n = send(fd, bytes + done, count - done, kSendFlags);
+        if (wait_writable(fd, timeout, origin) != 1) return -1;
+        ssize_t n = sendto(fd, bytes + done, count - done, kSendFlags, addr, addrlen);
         if (n < 0) {
             if (errno == EAGAIN) continue;
             int err = errno;
-            TREL_ERR(kModule, "errno:%d/%s", err, strerror(err));
+            if (libtrel_log_level > (quiet_failure ? 7u : 0u))
+                libtrel_log(quiet_failure ? 7 : 3, kModule, origin, "errno:%d/%s", err,
+                            strerror(err));
             errno = err;
             return -1;
         }
         if (n == 0) {
-            TREL_ERR(kModule, "errno:%d/%s", errno, strerror(errno));
+            if (libtrel_log_level > 0)
+                libtrel_log(3, kModule, origin, "errno:%d/%s", errno, strerror(errno));
             continue;
         }
         done += (size_t)n;
@@ -92,33 +99,15 @@ int send_nonblocking(int fd, const void *data, size_t count, unsigned timeout) n
     return (int)count;
 }
 
+int send_nonblocking(int fd, const void *data, size_t count, unsigned timeout) noexcept {
+    return send_all(fd, data, count, timeout, nullptr, 0, false, __func__);
+}
+
 // As send_nonblocking, to an address with the fixed time-out; a hard send
 // failure is only a debug message here.
 int sendto_nonblocking(int fd, const void *data, size_t count, const sockaddr *addr,
                        socklen_t addrlen) noexcept {
-    if (fd < 0) {
-        TREL_ERR(kModule, "Invalid socketfd:%d", fd);
-        return -1;
-    }
-    const auto *bytes = static_cast<const unsigned char *>(data);
-    size_t done = 0;
-    while (done < count) {
-        if (wait_writable(fd, kAddressTimeout, __func__) != 1) return -1;
-        ssize_t n = sendto(fd, bytes + done, count - done, kSendFlags, addr, addrlen);
-        if (n < 0) {
-            if (errno == EAGAIN) continue;
-            int err = errno;
-            TREL_DBG(kModule, "errno:%d/%s", err, strerror(err));
-            errno = err;
-            return -1;
-        }
-        if (n == 0) {
-            TREL_ERR(kModule, "errno:%d/%s", errno, strerror(errno));
-            continue;
-        }
-        done += (size_t)n;
-    }
-    return (int)count;
+    return send_all(fd, data, count, kAddressTimeout, addr, addrlen, true, __func__);
 }
 
 ssize_t req_recv(int fd, void *buf, size_t count, sockaddr *addr, socklen_t *addrlen) noexcept {
