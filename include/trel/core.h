@@ -41,7 +41,13 @@ void libtrel_log_hex(int priority, const char *module, const char *function, con
 FILE *fopen_format(const char *mode, const char *fmt, ...) TREL_NOEXCEPT TREL_PRINTF(2, 3);
 int fsreadline(const char *path, char *buf, size_t size) TREL_NOEXCEPT;
 char *freadline(const char *path, char *buf, size_t size, const char *def) TREL_NOEXCEPT;
+/* Copies the first line holding needle (newline kept) into buf: 0, or -1 when
+ * not found, unreadable or an argument is null.  Lines longer than 254
+ * characters are read as several lines. */
 int fsreadlinebykey(const char *path, const char *needle, char *buf, size_t size) TREL_NOEXCEPT;
+/* The value of the first "key value" / "key=value" line, copied into buf;
+ * def (or "" for a null def) when absent.  Returns buf.  Lines longer than 254
+ * characters are read as several lines, so a key may match inside one. */
 char *freadvalue(const char *path, const char *key, char *buf, size_t size, const char *def) TREL_NOEXCEPT;
 unsigned long freadulong(const char *path, unsigned long def) TREL_NOEXCEPT;
 long freadlong(const char *path, long def) TREL_NOEXCEPT;
@@ -74,6 +80,9 @@ int bin2hex(const unsigned char *data, int len, char *out, int size) TREL_NOEXCE
 int strtomac(const char *text, unsigned char mac[6]) TREL_NOEXCEPT;
 int gen_rand_hex(char *buf, size_t size) TREL_NOEXCEPT;
 int gen_rand_bytes(unsigned char *buf, size_t len) TREL_NOEXCEPT;
+/* Writes len random characters of [0-9A-Za-z] and a NUL: buf must hold len + 1
+ * bytes.  Returns buf, or null for a null buf or a len of 0.  Not for keys:
+ * the generator is the C library's rand. */
 char *gen_rand_string(char *buf, size_t len) TREL_NOEXCEPT;
 int trel_snprintf(const char *module, const char *label, char *buf, size_t size, const char *fmt,
                   ...) TREL_NOEXCEPT TREL_PRINTF(5, 6);

@@ -29,12 +29,15 @@ exec_record *exec_copy(const exec_record *src) TREL_NOEXCEPT;
 int exec_cmp(const exec_record *a, const exec_record *b) TREL_NOEXCEPT;
 
 /* Runs the system-wrapper script with verb and further texts (null-ended);
- * waits for it when wait_for_exit is non-zero, else detaches it. */
+ * waits for it when wait_for_exit is non-zero, else detaches it.  The wait is a
+ * plain wait(): it reaps whichever child of the caller ends first. */
 void syswrapper_impl(int wait_for_exit, const char *verb, ...) TREL_NOEXCEPT;
 /* Waiting and detached forms; the null terminator is added for you. */
 #define syswrapper(...) syswrapper_impl(1, __VA_ARGS__, (const char *)0)
 #define syswrapper_detached(...) syswrapper_impl(0, __VA_ARGS__, (const char *)0)
 
+/* Runs argv[0] with execv in a child and waits with a plain wait(), which
+ * reaps whichever child of the caller ends first. */
 void forkexec(char *const argv[]) TREL_NOEXCEPT;
 
 /* Standard output of a shell command, cut to size - 1 bytes and NUL-ended.

@@ -24,6 +24,9 @@ struct uds_sock {
     struct sockaddr_un peer;  /* client: the server path it is connected to */
 };
 
+/* The descriptor, or -1.  Whatever is at the local path is removed before the
+ * bind (a stale socket, or any other file), and paths are cut to 107
+ * characters. */
 int uds_socket_create(const char *path, uds_sock *sock, int32_t is_server) TREL_NOEXCEPT;
 int uds_sock_open_server(const char *path, uds_sock *sock) TREL_NOEXCEPT;
 int uds_sock_open_client(const char *server_path, uds_sock *sock) TREL_NOEXCEPT;
@@ -34,7 +37,9 @@ void uds_sock_close(uds_sock *sock) TREL_NOEXCEPT;
 /* ---- Framed socket messages ------------------------------------------------ */
 
 /* On the wire: type and len (8 bytes, host byte order), then len body bytes
- * in chunks of at most 16384 bytes (one datagram each). */
+ * in chunks of at most 16384 bytes (one datagram each).  One sender per
+ * socket: the receiver trusts the header's length and takes each chunk as one
+ * datagram, so messages of two senders must not interleave. */
 typedef struct sk_msg sk_msg;
 struct sk_msg {
     int32_t type;

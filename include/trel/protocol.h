@@ -70,11 +70,14 @@ struct trel_protocol_handler {
 /* ---- Framing ---------------------------------------------------------------- */
 
 /* A new datagram (free with free()), 40 + padded length bytes; null when out
- * of memory or len is negative.  encrypt 1 pads, checksums and encrypts. */
+ * of memory or len is negative.  encrypt 1 pads, checksums and encrypts; the
+ * IV comes from the C library's rand, not from a cryptographic source. */
 uint8_t *gen_payload(const void *payload, int32_t len, uint16_t method, uint16_t type,
                      int32_t encrypt, const trel_protocol_state *ctrl) TREL_NOEXCEPT;
 /* Checks and decrypts a received datagram of n bytes in place: 0 accepted,
- * 1 rejected, 2 repeated sequence number. */
+ * 1 rejected, 2 repeated sequence number.  Only the payload is authenticated
+ * (by its CRC under the key): header fields are not protected, and replay
+ * protection is the last sequence number only. */
 int dec_payload(int32_t n, uint8_t *dgram, const trel_protocol_state *ctrl) TREL_NOEXCEPT;
 
 /* ---- Service ------------------------------------------------------------------ */
