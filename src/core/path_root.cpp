@@ -119,17 +119,20 @@ int open_beneath(int rootfd, const char *path, int flags, mode_t mode) noexcept 
 
 // open(2) of a path seen from the root, resolved inside it.
 int open_in_root(int rootfd, const char *path, int flags, mode_t mode) noexcept {
+    const int saved = errno;  // a success leaves errno as the plain call would
     struct open_how how = {};
     how.flags = static_cast<uint64_t>(static_cast<unsigned>(flags | O_CLOEXEC));
     // openat2 refuses a mode it would not use.
     if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) how.mode = mode & 07777;
     how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+    int fd;
     for (int i = 0;; i++) {
-        long fd = syscall(SYS_openat2, rootfd, path, &how, sizeof how);
-        if (fd >= 0) return (int)fd;
-        if (errno == ENOSYS) return open_beneath(rootfd, path, flags, mode);
-        if (errno != EAGAIN || i == kRaceRetries) return -1;
+        fd = (int)syscall(SYS_openat2, rootfd, path, &how, sizeof how);
+        if (fd >= 0 || errno != EAGAIN || i == kRaceRetries) break;
     }
+    if (fd < 0 && errno == ENOSYS) fd = open_beneath(rootfd, path, flags, mode);
+    if (fd >= 0) errno = saved;
+    return fd;
 }
 
 // open(2) of a logical path under root.
@@ -227,11 +230,10 @@ bool fopen_flags(const char *mode, int *flags) noexcept {
     return true;
 }
 
-// mode with "e" (close-on-exec) put after its first letter unless its flags
-// already hold one; null (EINVAL) when that does not fit.
+// mode with "e" (close-on-exec) put after its first letter unless it holds
+// one already; null (EINVAL) when that does not fit.
 const char *with_cloexec(const char *mode, char (&out)[kModeMax]) noexcept {
-    size_t flags = strcspn(mode, ",");  // a ",ccs=" part follows the flags
-    if (mode[0] == '\0' || memchr(mode, 'e', flags) != nullptr) return mode;
+    if (mode[0] == '\0' || strchr(mode, 'e') != nullptr) return mode;
     size_t n = strlen(mode);
     if (n + 2 > sizeof out) {
         errno = EINVAL;
@@ -392,9 +394,11 @@ int path_rename(const char *from, const char *to) noexcept {
     const char *from_root_dir = root_for(from);
     const char *to_root_dir = root_for(to);
     if (from_root_dir == nullptr && to_root_dir == nullptr) return rename(from, to);
+    // The source first, so that its error is the one reported.
     NameAt a(from_root_dir, from);
+    if (!a) return -1;
     NameAt b(to_root_dir, to);
-    if (!a || !b) return -1;
+    if (!b) return -1;
     return renameat(a.dir(), a.name(), b.dir(), b.name());
 }
 
