@@ -166,8 +166,7 @@ class NameAt {
 public:
     NameAt(const char *root, const char *path) noexcept : name_(path) {
         if (root == nullptr) return;
-        const char *rel = path;
-        while (*rel == '/') rel++;
+        const char *rel = path;  // absolute: the parent keeps its leading slash
         size_t end = strlen(rel);
         while (end > 0 && rel[end - 1] == '/') end--;
         size_t start = end;
@@ -231,17 +230,12 @@ bool fopen_flags(const char *mode, int *flags) noexcept {
 }
 
 // mode with "e" (close-on-exec) put after its first letter unless it holds
-// one already; null (EINVAL) when that does not fit.
+// one already; out has room for any mode path_fopen takes.
 const char *with_cloexec(const char *mode, char (&out)[kModeMax]) noexcept {
     if (mode[0] == '\0' || strchr(mode, 'e') != nullptr) return mode;
-    size_t n = strlen(mode);
-    if (n + 2 > sizeof out) {
-        errno = EINVAL;
-        return nullptr;
-    }
     out[0] = mode[0];
     out[1] = 'e';
-    memcpy(out + 2, mode + 1, n);
+    memcpy(out + 2, mode + 1, strlen(mode));
     return out;
 }
 
@@ -271,11 +265,15 @@ RootedPath::RootedPath(const char *logical) noexcept : resolved_(logical) {
 }
 
 FILE *path_fopen(const char *path, const char *mode) noexcept {
+    // Modes too long to take an "e" are refused alike with and without a root.
+    if (strlen(mode) + 2 > kModeMax) {
+        errno = EINVAL;
+        return nullptr;
+    }
     const char *root = root_for(path);
     if (root == nullptr) {
         char buf[kModeMax];
-        const char *m = with_cloexec(mode, buf);
-        return m != nullptr ? fopen(path, m) : nullptr;
+        return fopen(path, with_cloexec(mode, buf));
     }
     int flags;
     if (!fopen_flags(mode, &flags)) return nullptr;

@@ -399,6 +399,13 @@ const char *const kInsidePaths[] = {
     "/loop/x", "/missing", "/missing/x", "/d/../lf",
 };
 
+// A path whose directory part alone is PATH_MAX characters long.
+std::string long_path() {
+    std::string p = "/";
+    for (int i = 0; i < 2046; i++) p += "a/";
+    return p + "aa/x";
+}
+
 // A tree for the wrappers (the root) and a twin for the plain calls, built
 // again only after a call changed it.
 class Trees {
@@ -410,14 +417,15 @@ public:
     }
     ~Trees() { trel_test::remove_tree(plain_); }
 
-    Outcome run(const PlainCall &call, bool rooted, const char *path) {
+    // stale: errno before the call, which a success leaves as it was.
+    Outcome run(const PlainCall &call, bool rooted, const std::string &path, int stale) {
         const std::string &tree = rooted ? root_.dir() : plain_;
         rooted ? setenv("LIBTREL_ROOT", tree.c_str(), 1) : unsetenv("LIBTREL_ROOT");
         std::string p = rooted ? path : tree + path;
         Outcome o{};
-        errno = 0;
+        errno = stale;
         o.rc = call.run(p.c_str(), rooted, tree, o.seen);
-        o.err = o.rc < 0 ? errno : 0;
+        o.err = errno;
         std::string after = snapshot(tree);
         if (call.mutates) o.seen += after;
         if (after != pristine_) {
@@ -435,10 +443,17 @@ private:
 
 void expect_plain_behaviour() {
     Trees trees;
-    for (const PlainCall &call : kPlainCalls) {
-        for (const char *path : kInsidePaths) {
-            SCOPED_TRACE(std::string(call.what) + " " + path);
-            EXPECT_EQ(trees.run(call, true, path), trees.run(call, false, path));
+    std::vector<std::string> paths(std::begin(kInsidePaths), std::end(kInsidePaths));
+    paths.push_back(long_path());
+    for (size_t c = 0; c < std::size(kPlainCalls); c++) {
+        const PlainCall &call = kPlainCalls[c];
+        for (size_t i = 0; i < paths.size(); i++) {
+            const std::string &path = paths[i];
+            SCOPED_TRACE(std::string(call.what) + " " + path.substr(0, 40));
+            // Stale values the wrappers look at after their own failures,
+            // alternating over both calls and paths.
+            const int stale = (c + i) % 2 ? ENOENT : ENOSYS;
+            EXPECT_EQ(trees.run(call, true, path, stale), trees.run(call, false, path, stale));
         }
     }
 }
@@ -482,6 +497,23 @@ TEST(PathRoot, WrappersActLikeThePlainCalls) {
     }
 }
 
+// A rename between the root and the working directory: each name resolves
+// on its own side.
+TEST(PathRoot, RenameBetweenTheRootAndTheWorkingDirectory) {
+    TempRoot root;
+    root.write("/f", "file");
+    const std::string here = trel_test::make_temp_dir();
+    char saved[4096];
+    ASSERT_NE(getcwd(saved, sizeof saved), nullptr);
+    ASSERT_EQ(chdir(here.c_str()), 0);
+    EXPECT_EQ(trel::path_rename("/f", "moved"), 0);
+    EXPECT_EQ(read_file(here + "/moved"), "file");
+    EXPECT_EQ(trel::path_rename("moved", "/g"), 0);
+    EXPECT_EQ(root.read("/g"), "file");
+    ASSERT_EQ(chdir(saved), 0);
+    trel_test::remove_tree(here);
+}
+
 // Without openat2 the walk of our own resolves what stays inside exactly as
 // the kernel does and refuses every escape with EACCES, touching nothing.
 TEST(PathRoot, WithoutOpenat2EscapesAreRefused) {
@@ -494,41 +526,49 @@ TEST(PathRoot, WithoutOpenat2EscapesAreRefused) {
 }
 
 // fopen modes keep their meaning under a root (opened by descriptor) and
-// without one, and both streams are close-on-exec.
+// without one, new files get the same mode, and every stream is
+// close-on-exec.
 TEST(PathRoot, FopenModesUnderARootMatchThePlainCall) {
+    const std::string longest = "r" + std::string(29, 'b');  // 30 characters, "e" still fits
     struct {
-        const char *mode;
+        std::string mode;
         const char *after;      // the file "old" after writing "x" (null: not opened)
         const char *read_back;  // from the start after that
-        bool creates;           // opens a missing file
+        int existing_err;       // when it does not open an existing file
+        int missing_err;        // when it does not create a missing one
     } cases[] = {
-        {"r", "old", "old", false},
-        {"rb", "old", "old", false},
-        {"r+", "xld", "xld", false},
-        {"rb+", "xld", "xld", false},
-        {"w", "x", "", true},
-        {"w+", "x", "x", true},
-        {"wb+", "x", "x", true},
-        {"a", "oldx", "", true},
-        {"a+", "oldx", "oldx", true},
-        {"ab+", "oldx", "oldx", true},
-        {"re", "old", "old", false},
-        {"wx", nullptr, nullptr, true},
-        {"w+x", nullptr, nullptr, true},
+        {"r", "old", "old", 0, ENOENT},
+        {"rb", "old", "old", 0, ENOENT},
+        {"r+", "xld", "xld", 0, ENOENT},
+        {"rb+", "xld", "xld", 0, ENOENT},
+        {"w", "x", "", 0, 0},
+        {"w+", "x", "x", 0, 0},
+        {"wb+", "x", "x", 0, 0},
+        {"a", "oldx", "", 0, 0},
+        {"a+", "oldx", "oldx", 0, 0},
+        {"ab+", "oldx", "oldx", 0, 0},
+        {"re", "old", "old", 0, ENOENT},
+        {"wx", nullptr, nullptr, EEXIST, 0},
+        {"w+x", nullptr, nullptr, EEXIST, 0},
+        {"q", nullptr, nullptr, EINVAL, EINVAL},
+        {longest, "old", "old", 0, ENOENT},
+        {longest + "b", nullptr, nullptr, EINVAL, EINVAL},
     };
+    const mode_t mask = umask(0);
+    umask(mask);
     TempRoot root;
     const std::string real = root.path("/m");
     for (bool rooted : {true, false}) {
         rooted ? setenv("LIBTREL_ROOT", root.dir().c_str(), 1) : unsetenv("LIBTREL_ROOT");
         const char *path = rooted ? "/m" : real.c_str();
         for (auto &c : cases) {
-            SCOPED_TRACE(std::string(c.mode) + (rooted ? " under a root" : " without a root"));
+            SCOPED_TRACE(c.mode + (rooted ? " under a root" : " without a root"));
             write_file(real, "old");
             errno = 0;
-            FILE *f = fopen_format(c.mode, "%s", path);
+            FILE *f = fopen_format(c.mode.c_str(), "%s", path);
             if (c.after == nullptr) {
                 EXPECT_EQ(f, nullptr);
-                EXPECT_EQ(errno, EEXIST);
+                EXPECT_EQ(errno, c.existing_err);
             } else {
                 ASSERT_NE(f, nullptr) << strerror(errno);
                 EXPECT_EQ(fcntl(fileno(f), F_GETFD), FD_CLOEXEC);
@@ -543,12 +583,15 @@ TEST(PathRoot, FopenModesUnderARootMatchThePlainCall) {
             }
             ::unlink(real.c_str());
             errno = 0;
-            f = fopen_format(c.mode, "%s", path);
-            EXPECT_EQ(f != nullptr, c.creates);
-            if (f != nullptr)
-                fclose(f);
-            else
-                EXPECT_EQ(errno, ENOENT);
+            f = fopen_format(c.mode.c_str(), "%s", path);
+            if (c.missing_err == 0) {
+                EXPECT_NE(f, nullptr) << strerror(errno);
+                EXPECT_EQ(mode_of(real), 0666 & ~mask);
+            } else {
+                EXPECT_EQ(f, nullptr);
+                EXPECT_EQ(errno, c.missing_err);
+            }
+            if (f != nullptr) fclose(f);
         }
     }
 }
