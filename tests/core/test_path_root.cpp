@@ -298,32 +298,27 @@ struct PlainCall {
     long (*run)(const char *p, bool rooted, const std::string &tree, std::string &seen);
 };
 
-// The other path of a rename.
-std::string moved(bool rooted, const std::string &tree) { return (rooted ? "" : tree) + "/moved"; }
+// A call that only has a result to show.
+#define EITHER(call, ...)                                                               \
+    [](const char *p, bool rooted, const std::string &, std::string &) -> long {        \
+        return rooted ? trel::path_##call(p, ##__VA_ARGS__) : ::call(p, ##__VA_ARGS__); \
+    }
+
+// stat or lstat, showing which entry of the tree it found.
+template <int (*Rooted)(const char *, struct stat *), int (*Plain)(const char *, struct stat *)>
+long stat_call(const char *p, bool rooted, const std::string &tree, std::string &seen) {
+    struct stat st;
+    int rc = rooted ? Rooted(p, &st) : Plain(p, &st);
+    int err = errno;
+    if (rc == 0) seen = identify(tree, st);
+    errno = err;
+    return rc;
+}
 
 const PlainCall kPlainCalls[] = {
-    {"stat", false,
-     [](const char *p, bool rooted, const std::string &tree, std::string &seen) -> long {
-         struct stat st;
-         int rc = rooted ? trel::path_stat(p, &st) : ::stat(p, &st);
-         int err = errno;
-         if (rc == 0) seen = identify(tree, st);
-         errno = err;
-         return rc;
-     }},
-    {"lstat", false,
-     [](const char *p, bool rooted, const std::string &tree, std::string &seen) -> long {
-         struct stat st;
-         int rc = rooted ? trel::path_lstat(p, &st) : ::lstat(p, &st);
-         int err = errno;
-         if (rc == 0) seen = identify(tree, st);
-         errno = err;
-         return rc;
-     }},
-    {"access", false,
-     [](const char *p, bool rooted, const std::string &, std::string &) -> long {
-         return rooted ? trel::path_access(p, R_OK) : ::access(p, R_OK);
-     }},
+    {"stat", false, stat_call<trel::path_stat, ::stat>},
+    {"lstat", false, stat_call<trel::path_lstat, ::lstat>},
+    {"access", false, EITHER(access, R_OK)},
     {"readlink", false,
      [](const char *p, bool rooted, const std::string &, std::string &seen) -> long {
          char buf[64];
@@ -362,25 +357,13 @@ const PlainCall kPlainCalls[] = {
          close(fd);
          return 0;
      }},
-    {"mkdir", true,
-     [](const char *p, bool rooted, const std::string &, std::string &) -> long {
-         return rooted ? trel::path_mkdir(p, 0700) : ::mkdir(p, 0700);
-     }},
-    {"chmod", true,
-     [](const char *p, bool rooted, const std::string &, std::string &) -> long {
-         return rooted ? trel::path_chmod(p, 0600) : ::chmod(p, 0600);
-     }},
-    {"unlink", true,
-     [](const char *p, bool rooted, const std::string &, std::string &) -> long {
-         return rooted ? trel::path_unlink(p) : ::unlink(p);
-     }},
-    {"rmdir", true,
-     [](const char *p, bool rooted, const std::string &, std::string &) -> long {
-         return rooted ? trel::path_rmdir(p) : ::rmdir(p);
-     }},
+    {"mkdir", true, EITHER(mkdir, 0700)},
+    {"chmod", true, EITHER(chmod, 0600)},
+    {"unlink", true, EITHER(unlink)},
+    {"rmdir", true, EITHER(rmdir)},
     {"rename away", true,
      [](const char *p, bool rooted, const std::string &tree, std::string &) -> long {
-         std::string to = moved(rooted, tree);
+         std::string to = (rooted ? "" : tree) + "/moved";
          return rooted ? trel::path_rename(p, to.c_str()) : ::rename(p, to.c_str());
      }},
     {"rename onto", true,
