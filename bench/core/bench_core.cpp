@@ -1,6 +1,8 @@
-// Buffer throughput against std::string, and freadvalue on a 200-line file.
+// Buffer throughput against std::string, freadvalue on a 200-line file, and
+// the cost of LIBTREL_ROOT on a one-line read.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -72,6 +74,33 @@ BENCHMARK_DEFINE_F(ValueFile, FreadValue)(benchmark::State &state) {
     }
 }
 BENCHMARK_REGISTER_F(ValueFile, FreadValue)->Arg(0)->Arg(100)->Arg(199);
+
+// freadline of a one-line file two levels down: a plain fopen without a root;
+// with one, an open of the root, openat2 inside it and fdopen.
+void BM_FreadlineRoot(benchmark::State &state) {
+    const bool rooted = state.range(0) != 0;
+    char tmpl[] = "/tmp/trel-bench-XXXXXX";
+    if (mkdtemp(tmpl) == nullptr) {
+        state.SkipWithError("mkdtemp failed");
+        return;
+    }
+    const std::string dir = tmpl;
+    mkdir((dir + "/etc").c_str(), 0755);
+    std::ofstream(dir + "/etc/hostname") << "device\n";
+    const std::string path = rooted ? "/etc/hostname" : dir + "/etc/hostname";
+    if (rooted) setenv("LIBTREL_ROOT", dir.c_str(), 1);
+    char buf[64];
+    for (auto _ : state) {
+        freadline(path.c_str(), buf, sizeof buf, "");
+        benchmark::DoNotOptimize(buf);
+    }
+    unsetenv("LIBTREL_ROOT");
+    unlink((dir + "/etc/hostname").c_str());
+    rmdir((dir + "/etc").c_str());
+    rmdir(dir.c_str());
+    state.SetLabel(rooted ? "under LIBTREL_ROOT" : "no root");
+}
+BENCHMARK(BM_FreadlineRoot)->Arg(0)->Arg(1);
 
 }  // namespace
 

@@ -37,7 +37,7 @@ void log_v(int priority, const char *module, const char *function, const char *f
                    message);
             return;
         }
-        kmsg = fopen("/dev/kmsg", "w+");
+        kmsg = fopen("/dev/kmsg", "w+e");
         if (kmsg != nullptr) stream = kmsg;
     }
     fprintf(stream, "%s[%d]: [%s] %s.%s(): ", __progname, (int)getpid(),

@@ -1,7 +1,15 @@
 // The path root: when LIBTREL_ROOT is set, every absolute path the library
-// touches is resolved beneath it, like a chroot.  /dev/urandom and /dev/kmsg
-// always stay real; relative paths are left alone.  Messages keep showing the
-// logical path; only the system calls see the resolved one.
+// touches resolves inside that directory as if it were "/": ".." stops at
+// it, and every symlink met on the way, absolute ones included, resolves
+// inside it too.  /dev/urandom and /dev/kmsg always stay real; relative paths
+// are left alone.  Messages keep showing the logical path; only the system
+// calls see the resolved one.
+//
+// Without a root every wrapper is the one plain system call it names, with
+// close-on-exec added where it opens something.  Under a root the kernel
+// resolves the path (openat2 with RESOLVE_IN_ROOT) from a descriptor of the
+// root; a kernel without openat2 gets a walk of its own that refuses, with
+// EACCES, whatever would leave the root instead of following it.
 #pragma once
 
 #include <dirent.h>
@@ -13,8 +21,10 @@
 
 namespace trel {
 
-// The resolved form of one logical path.  c_str() is null (errno
-// ENAMETOOLONG) when root and path together do not fit.
+// The real path a logical path resolves to, for the one call that cannot act
+// on a descriptor: execv.  Without a root (or for a relative path) it is the
+// logical path itself; under a root it is the resolved file's real path.
+// c_str() is null (errno set as stat would) when the path does not resolve.
 class RootedPath {
 public:
     explicit RootedPath(const char *logical) noexcept;
@@ -32,8 +42,9 @@ private:
 // The root directory, or null when none is set.
 const char *path_root() noexcept;
 
-// System calls on logical paths; each fails like the call it wraps
-// (ENAMETOOLONG when the resolved path does not fit).
+// System calls on logical paths; each fails like the call it wraps.  What
+// they open is close-on-exec: O_CLOEXEC is added to the flags and "e" to the
+// fopen modes.
 FILE *path_fopen(const char *path, const char *mode) noexcept;
 int path_open(const char *path, int flags, mode_t mode = 0) noexcept;
 int path_openat(int dirfd, const char *path, int flags, mode_t mode = 0) noexcept;

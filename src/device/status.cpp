@@ -23,6 +23,7 @@
 #include "core/log.h"
 #include "core/path_root.h"
 #include "core/raii.h"
+#include "core/socket.h"
 #include "core/text.h"
 #include "device/keyed_file.h"
 
@@ -137,7 +138,7 @@ TREL_API int fill_dev_status(const char *ifname, trel_dev_status *st) noexcept {
     }
     f.reset();
 
-    trel::UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    trel::UniqueFd fd(trel::open_socket(AF_INET, SOCK_DGRAM));
     if (!fd) return -ESRCH;
     struct ifreq ifr;
     set_ifr_name(ifr, ifname);
@@ -182,7 +183,7 @@ TREL_API int fill_dev_status(const char *ifname, trel_dev_status *st) noexcept {
 
 TREL_API int get_ethtool_link_status(const char *ifname) noexcept {
     if (ifname == nullptr) return -1;
-    trel::UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    trel::UniqueFd fd(trel::open_socket(AF_INET, SOCK_DGRAM));
     if (!fd) return -1;
     struct ifreq ifr;
     set_ifr_name(ifr, ifname);

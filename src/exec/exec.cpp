@@ -134,19 +134,20 @@ TREL_API int exec_cmp(const exec_record *a, const exec_record *b) noexcept {
 TREL_API void syswrapper_impl(int wait_for_exit, const char *verb, ...) noexcept {
     const char *script = nullptr;
     for (const char *candidate : kWrapperPaths) {
-        FILE *f = trel::path_fopen(candidate, "r");
+        FILE *f = trel::path_fopen(candidate, "re");
         if (f != nullptr) {
             fclose(f);
             script = candidate;
             break;
         }
     }
-    if (script == nullptr) {
+    // What runs is the script the root holds at that place.
+    trel::RootedPath real(script);
+    if (!real) {
         TREL_DBG(kModule, "[ERROR] unable to locate syswrapper.sh, '%s' skipped!", verb);
         return;
     }
     TREL_DBG2(kModule, "syswrapper to use: %s", script);
-    trel::RootedPath real(script);
 
     const char *argv[kWrapperEntries + 1];
     int n = 0;
@@ -215,7 +216,7 @@ TREL_API void forkexec(char *const argv[]) noexcept {
 TREL_API int popen_get_output(const char *command, char *buf, size_t size) noexcept {
     // Nothing can be stored without room for the NUL.
     if (command == nullptr || buf == nullptr || size == 0) return -1;
-    FILE *fp = popen(command, "r");
+    FILE *fp = popen(command, "re");
     if (fp == nullptr) {
         TREL_ERR(kModule, "get_output: popen[%s] -> NULL", command);
         return -1;
@@ -251,7 +252,7 @@ TREL_API char *popen_alloc_output(const char *command, size_t max) noexcept {
         free(buf);
         return nullptr;
     }
-    FILE *fp = popen(command, "r");
+    FILE *fp = popen(command, "re");
     if (fp == nullptr) {
         TREL_ERR(kModule, "open failed on '%s': %s", command, strerror(errno));
         free(buf);

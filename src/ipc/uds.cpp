@@ -11,6 +11,7 @@
 #include <trel/ipc.h>
 
 #include "core/log.h"
+#include "core/socket.h"
 
 namespace {
 
@@ -31,7 +32,7 @@ TREL_API int uds_socket_create(const char *path, uds_sock *sock, int32_t is_serv
         TREL_ERR(kModule, "invalid parameter");
         return -1;
     }
-    int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    int fd = trel::open_socket(AF_UNIX, SOCK_DGRAM);
     if (fd < 0) {
         TREL_ERR(kModule, "uds socket error, errno:%d/%s", errno, strerror(errno));
         return -1;

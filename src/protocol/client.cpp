@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "core/socket.h"
 #include "protocol/internal.h"
 #include "protocol/wire.h"
 
@@ -19,7 +20,7 @@ constexpr const char kBridge[] = "br0";
 
 // A socket ready to multicast from the bridge, or -1.
 int trel_protocol_client_sock_init() noexcept {
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    int fd = trel::open_socket(AF_INET, SOCK_DGRAM);
     if (fd < 0) {
         TREL_ERR(kModule, "lcm event socket error, errno:%d/%s", errno, strerror(errno));
         return -1;

@@ -13,6 +13,7 @@
 #include <trel/core.h>
 
 #include "core/path_root.h"
+#include "core/socket.h"
 #include "protocol/internal.h"
 #include "protocol/wire.h"
 
@@ -203,7 +204,7 @@ TREL_API int trel_protocol_init(int32_t open_socket) noexcept {
             goto fail;
         }
         TREL_INFO(kModule, "mcast_ip is %s", ntop(c.mcast_ip, text, sizeof text));
-        c.sock = socket(AF_INET, SOCK_DGRAM, 0);
+        c.sock = trel::open_socket(AF_INET, SOCK_DGRAM);
         if (c.sock < 0) {
             TREL_ERR(kModule, "unable to create udp socket, %s", strerror(errno));
             goto fail;

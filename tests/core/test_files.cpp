@@ -29,7 +29,7 @@ TEST_F(Files, PathRootResolvesAbsolutePathsWhenSet) {
     ASSERT_EQ(chdir(root.path("/etc").c_str()), 0);
     EXPECT_EQ(fsreadline("hostname", buf, sizeof buf), 0);
     ASSERT_EQ(chdir(cwd), 0);
-    // A path that no longer fits once resolved fails without touching anything.
+    // A name too long for the system fails without touching anything.
     std::string deep = "/" + std::string(4090, 'd');
     strcpy(buf, "unchanged");
     EXPECT_EQ(fsreadline(deep.c_str(), buf, sizeof buf), -ENAMETOOLONG);

@@ -201,3 +201,41 @@ TEST_F(Exec, PopenBoundsGrowthAndMessages) {
     EXPECT_EQ(popen_alloc_output("echo x", 0), nullptr);
     EXPECT_TRUE(cap.contains("Failed to allocate buffer"));
 }
+
+// Nothing the library holds open reaches a child: children list the same
+// descriptors (the standard ones and the lister's own) before and after the
+// library opened its sockets, lock files, directory stream and streams.
+TEST_F(Exec, ChildrenInheritNoLibraryDescriptor) {
+    root.write(kWrapper, "#!/bin/sh\nls /proc/self/fd > '" + out + "'\n", 0755);
+    auto children_see = [&] {
+        char buf[256] = "";
+        EXPECT_GT(popen_get_output("ls /proc/self/fd", buf, sizeof buf), 0);
+        syswrapper_impl(1, "list", nullptr);
+        return std::string(buf) + "through the wrapper:\n" + root.read("/tmp/args");
+    };
+    const std::string before = children_see();
+
+    uds_sock server;
+    ASSERT_GE(uds_sock_open_server(root.path("/tmp/server.sock").c_str(), &server), 0);
+    root.mkdir("/var/run/report");
+    ASSERT_EQ(report_lock(), 0);  // a directory stream
+    ASSERT_EQ(inform_profile_lock(), 0);
+    root.write("/var/run/trel_protocol.info",
+               "morna.key=" + std::string(32, 'a') + "\nmorna.mcip=239.254.1.1\n");
+    const bool service = trel_protocol_init(1) == 0;
+    EXPECT_TRUE(service) << "UDP port 48000 taken by another run? " << cap.text();
+    FILE *rooted = fopen_format("r", "%s", "/tmp/args");  // through the root
+    FILE *real = fopen_format("r", "/dev/urandom");       // a plain fopen
+    EXPECT_NE(rooted, nullptr);
+    EXPECT_NE(real, nullptr);
+    EXPECT_EQ(trel_test::open_fd_count(), fds + 5 + service);  // all held
+
+    EXPECT_EQ(children_see(), before);
+
+    if (real != nullptr) fclose(real);
+    if (rooted != nullptr) fclose(rooted);
+    trel_protocol_deinit();
+    inform_profile_unlock();
+    report_unlock();
+    uds_sock_close(&server);
+}
