@@ -95,7 +95,11 @@ struct curl_simple_response {
 };
 
 /* Each returns libcurl's result: CURLE_OK for a completed transfer whatever
- * the HTTP status.  The caller keeps headers, body and object. */
+ * the HTTP status.  The caller keeps headers, body and object.  Only http and
+ * https are spoken, for the URL and for redirects (else
+ * CURLE_UNSUPPORTED_PROTOCOL); at most 10 redirects are followed (else
+ * CURLE_TOO_MANY_REDIRECTS), and a POST or PUT keeps its method and body
+ * through each of them, 301, 302 and 303 included. */
 CURLcode curl_simple_get(const char *url, uint32_t flags, struct curl_slist *headers,
                          curl_simple_response *response) TREL_NOEXCEPT;
 CURLcode curl_simple_post(const char *url, uint32_t flags, struct curl_slist *headers,
