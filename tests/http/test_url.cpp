@@ -90,6 +90,7 @@ const struct {
     {"http://a@b@c/", "NULL"},
     {"http://[::1]x/", "NULL"},
     {"http://[::1]:80:90/", "NULL"},
+    {"http://[::1]5:8080/", "NULL"},
     {"http://[fe80::1%25eth0]/", "NULL"},
     {"http://:80/", "NULL"},
     {"http://u@:80/", "NULL"},
