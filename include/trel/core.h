@@ -30,6 +30,8 @@ extern int32_t libtrel_log_use_syslog;
 /* Five-character names of the priorities 0..7, used on the stream paths. */
 extern const char *libtrel_log_level_names[8];
 
+/* Writes one message at a syslog priority 0..7; any other priority is shown
+ * as "unknown" and sent to syslog as LOG_DEBUG.  Never fails. */
 void libtrel_log(int priority, const char *module, const char *function, const char *format, ...) TREL_NOEXCEPT TREL_PRINTF(4, 5);
 void libtrel_log_json(int priority, const char *module, const char *function, json_t *value,
                       const char *title) TREL_NOEXCEPT;

@@ -55,6 +55,13 @@ struct url_info {
 /* 0 and the default port in *port (when port is non-NULL) for http, https,
  * stun, ws and wss in any case; -1 for anything else or NULL. */
 int url_scheme2port(const char *scheme, uint16_t *port) TREL_NOEXCEPT;
+/* A new record the caller releases with url_destroy, or NULL: for NULL, empty
+ * or over 1024 characters, an unknown scheme, no host, an '@' after the
+ * authority, and any text libcurl could read another way: a byte that is not
+ * printable ASCII (control bytes, space, DEL) anywhere; in the authority a
+ * '#', a second '@', an empty host before ':', brackets anywhere but around
+ * the host at its start or followed by anything but ":digits"; a host holding
+ * anything but letters, digits, '-', '.', '_', '~' and ':' (so no zone '%'). */
 url_info *url_parse(const char *text) TREL_NOEXCEPT;
 /* The copy's ai.ai_addr still points at the source's address storage:
  * resolve the copy again before using its address without the source. */
@@ -95,7 +102,11 @@ struct curl_simple_response {
 };
 
 /* Each returns libcurl's result: CURLE_OK for a completed transfer whatever
- * the HTTP status.  The caller keeps headers, body and object. */
+ * the HTTP status.  The caller keeps headers, body and object.  Only http and
+ * https are spoken, for the URL and for redirects (else
+ * CURLE_UNSUPPORTED_PROTOCOL); at most 10 redirects are followed (else
+ * CURLE_TOO_MANY_REDIRECTS), and a POST or PUT keeps its method and body
+ * through each of them, 301, 302 and 303 included. */
 CURLcode curl_simple_get(const char *url, uint32_t flags, struct curl_slist *headers,
                          curl_simple_response *response) TREL_NOEXCEPT;
 CURLcode curl_simple_post(const char *url, uint32_t flags, struct curl_slist *headers,

@@ -26,6 +26,14 @@ constexpr int kJsonLineWidth = 960;
 
 void log_v(int priority, const char *module, const char *function, const char *format,
            va_list ap) noexcept {
+    // A priority outside 0..7 is no syslog level: it shows as "unknown" and
+    // goes to syslog as LOG_DEBUG, so a stray value neither selects a
+    // facility nor raises an alarm.
+    const char *level = "unknown";
+    if (priority >= LOG_EMERG && priority <= LOG_DEBUG)
+        level = libtrel_log_level_names[priority];
+    else
+        priority = LOG_DEBUG;
     FILE *stream = stderr;
     FILE *kmsg = nullptr;
     if (libtrel_log_use_syslog) {
@@ -40,8 +48,7 @@ void log_v(int priority, const char *module, const char *function, const char *f
         kmsg = fopen("/dev/kmsg", "w+e");
         if (kmsg != nullptr) stream = kmsg;
     }
-    fprintf(stream, "%s[%d]: [%s] %s.%s(): ", __progname, (int)getpid(),
-            libtrel_log_level_names[priority], module, function);
+    fprintf(stream, "%s[%d]: [%s] %s.%s(): ", __progname, (int)getpid(), level, module, function);
     vfprintf(stream, format, ap);
     fputc('\n', stream);
     if (kmsg != nullptr) fclose(kmsg);

@@ -49,6 +49,10 @@ bool is_non_hex_letter(unsigned char c) noexcept {
     return (c >= 'g' && c <= 'z') || (c >= 'G' && c <= 'Z');
 }
 
+bool is_hex_digit(unsigned char c) noexcept {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
 // The port text [begin, end) when it is 1 to 5 decimal digits worth 1 to
 // 65534, else 0.
 unsigned port_value(const char *begin, const char *end) noexcept {
@@ -60,6 +64,37 @@ unsigned port_value(const char *begin, const char *end) noexcept {
         v = v * 10 + (unsigned)(*p - '0');
     }
     return v >= 1 && v <= kMaxPort ? v : 0;
+}
+
+// Where libcurl would read an authority another way, it is refused: the
+// authority [a, e) with its host part [h, e) after the user information
+// holds no '#' and no second '@'; the host part starts with no lone ':' (an
+// empty host before a port); one pair of brackets at most, at the start of
+// the host part and followed by nothing or by ':' and digits.
+bool authority_is_plain(const char *a, const char *h, const char *e) noexcept {
+    if (find_in(a, e, '#') != nullptr || find_in(h, e, '@') != nullptr) return false;
+    if (h < e && h[0] == ':' && (h + 1 == e || h[1] != ':')) return false;
+    const char *open = find_in(h, e, '['), *close = find_in(h, e, ']');
+    if (open == nullptr && close == nullptr) return true;
+    if (open != h || close == nullptr || find_in(open + 1, e, '[') != nullptr ||
+        find_in(close + 1, e, ']') != nullptr)
+        return false;
+    const char *p = close + 1;
+    if (p < e && *p++ != ':') return false;
+    for (; p < e; p++)
+        if (*p < '0' || *p > '9') return false;
+    return true;
+}
+
+// A host is a name or an address: letters, digits, '-', '.', '_', '~', and
+// ':' of an IPv6 literal.  So no zone ('%') inside brackets, and no bracket
+// left in a host.
+bool is_host_text(const char *begin, const char *end) noexcept {
+    for (const char *p = begin; p < end; p++)
+        if (!is_hex_digit((unsigned char)*p) && !is_non_hex_letter((unsigned char)*p) &&
+            strchr("-._~:", *p) == nullptr)
+            return false;
+    return true;
 }
 
 // Host and port of the authority [a, e).  False when the brackets do not
@@ -150,9 +185,11 @@ bool normalise(url_info *u, uint16_t def) noexcept {
 
 // Parses into a zeroed record; false on refusal or allocation failure.
 bool parse_into(url_info *u, const char *text) noexcept {
+    // Printable ASCII only: no control byte, space, DEL or non-ASCII byte,
+    // which libcurl refuses or reads differently.
     const char *end = text + strlen(text);
     for (const char *p = text; p < end; p++)
-        if ((unsigned char)*p >= 0x80) return false;
+        if ((unsigned char)*p <= 0x20 || (unsigned char)*p >= 0x7f) return false;
 
     u->port = 80;
     const char *rest;
@@ -192,9 +229,11 @@ bool parse_into(url_info *u, const char *text) noexcept {
         }
         auth = at + 1;
     }
+    if (!authority_is_plain(rest, auth, auth_end)) return false;
 
     const char *hb, *he, *pb;
     if (!split_authority(auth, auth_end, u, &hb, &he, &pb)) return false;
+    if (!is_host_text(hb, he)) return false;
     if (pb != nullptr) {
         unsigned v = port_value(pb, auth_end);
         if (v != 0) u->port = (uint16_t)v;

@@ -68,9 +68,12 @@ TREL_API int dec_payload(int32_t n, uint8_t *d, const trel_protocol_state *ctrl)
     if (d[kOffVersion] < kVersion) return 1;
 
     uint8_t *body = d + kHdrLen;
-    aes_cbc_decrypt_128(ctrl->key, d + kOffIv, body, length);
+    // The cipher refuses a length that is not a whole number of blocks and
+    // leaves the body as sent: a checksum over it proves nothing about the
+    // key, so such a datagram fails the checksum step whatever its CRC.
+    bool decrypted = aes_cbc_decrypt_128(ctrl->key, d + kOffIv, body, length) == 0;
     uint32_t sum = (uint32_t)crc32(0, body, length);
-    if (sum != crc) {
+    if (!decrypted || sum != crc) {
         TREL_DBG2("libtrel", "hdr=%d, crc32=%d", (int)crc, (int)sum);
         return 1;
     }

@@ -28,7 +28,12 @@ bool load(const std::string &file, CfgPtr &out) {
         return false;
     }
     out.reset(parse_stream(f));
+    int err = ferror(f) ? errno : 0;  // a directory opens, then fails to read
     fclose(f);
+    if (err != 0) {
+        trel_tool::fail("cannot read " + file + ": " + strerror(err));
+        return false;
+    }
     return true;
 }
 
