@@ -2,7 +2,9 @@
 // accepted record is consistent, copies exactly and parses again from its
 // normalised text into the same host, port and path.  Nothing libcurl could read as
 // another host is accepted: only printable ASCII, no '#' and at most one '@'
-// in the authority, and a host made of name and address characters alone.
+// in the authority, and a host made of name and address characters alone,
+// an IPv6 literal whenever it holds a ':'.
+#include <arpa/inet.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -51,6 +53,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check(u->host[0] != '\0');
     for (unsigned char c : text) check(c > 0x20 && c < 0x7f);
     for (const char *p = u->host; *p; p++) check(host_char(*p));
+    struct in6_addr addr;
+    if (strchr(u->host, ':') != nullptr) check(inet_pton(AF_INET6, u->host, &addr) == 1);
     std::string auth = authority(text);
     check(auth.find('#') == std::string::npos);
     long ats = std::count(auth.begin(), auth.end(), '@');

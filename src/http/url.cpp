@@ -97,6 +97,19 @@ bool is_host_text(const char *begin, const char *end) noexcept {
     return true;
 }
 
+// A host holding ':' must be an IPv6 literal: libcurl reads "cafe:80" or
+// "1:2" as a name and a port.  A dot-less hex name such as "cafe" still
+// counts as an address, in brackets or not, as the parser always did.
+bool is_ipv6_literal(const char *begin, const char *end) noexcept {
+    char text[INET6_ADDRSTRLEN];
+    size_t n = (size_t)(end - begin);
+    if (n >= sizeof text) return false;
+    memcpy(text, begin, n);
+    text[n] = '\0';
+    struct in6_addr addr;
+    return inet_pton(AF_INET6, text, &addr) == 1;
+}
+
 // Host and port of the authority [a, e).  False when the brackets do not
 // pair up.
 bool split_authority(const char *a, const char *e, url_info *u, const char **host_begin,
@@ -234,6 +247,7 @@ bool parse_into(url_info *u, const char *text) noexcept {
     const char *hb, *he, *pb;
     if (!split_authority(auth, auth_end, u, &hb, &he, &pb)) return false;
     if (!is_host_text(hb, he)) return false;
+    if (find_in(hb, he, ':') != nullptr && !is_ipv6_literal(hb, he)) return false;
     if (pb != nullptr) {
         unsigned v = port_value(pb, auth_end);
         if (v != 0) u->port = (uint16_t)v;

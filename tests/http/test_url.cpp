@@ -96,6 +96,10 @@ const struct {
     {"http://u@:80/", "NULL"},
     {"http://h%2elan/", "NULL"},
     {"http://h!.lan/", "NULL"},
+    // A host with ':' is an IPv6 literal or nothing.
+    {"http://cafe:80/", "NULL"},
+    {"http://1:2/", "NULL"},
+    {"http://[fe80::1::2]/", "NULL"},
     // Still read as before: '#' and '%' after the authority or in the user
     // information, an empty port after the brackets, "::" leading a literal.
     {"http://u%40x:p@h.lan/a#b%20", "http u%40x:p h.lan 80 /a#b%20 00 http://u%40x:p@h.lan/a#b%20"},

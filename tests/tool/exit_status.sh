@@ -48,6 +48,8 @@ row 1 "$isdir" aes encrypt --key $key --iv $key "$dir"
 row 1 "$isdir" proto encode --key $key --method 1 --type 2 "$dir"
 row 1 "$isdir" proto decode --key $key "$dir"
 row 1 "$isdir" cfg --file "$dir" print
+row 1 "$isdir" cfg diff "$dir" "$tmp/secret"
+row 0 "" cfg diff "$tmp/secret" "$tmp/overpad"
 row 1 "$isdir" http post http://127.0.0.1:1/ --json "$dir"
 row 1 "$isdir" ipc send "$tmp/no-socket" 1 "$dir"
 # Text that is not Base64.
