@@ -151,6 +151,62 @@ int fdb_foreach(const char *bridge, const char *const *exclude, fdb_foreach_cb c
  * with a line on standard error. */
 int fdb_delneigh(const uint8_t *mac, const char *ifname) TREL_NOEXCEPT;
 
+/* ---- Guest portals ------------------------------------------------------------ */
+
+/* List links of a portal in a set, and the head of a set. */
+typedef struct guest_portal_link {
+    struct guest_portal_link *next;
+    struct guest_portal_link *prev;
+} guest_portal_link;
+
+/* One portal: the caller owns the record; its three buffers (the non-empty
+ * lines of the files "authorized", "devnames" and "vlans", or null when a file
+ * could not be read) belong to it until guest_portal_clear. */
+typedef struct guest_portal {
+    guest_portal_link link;
+    char name[32];
+    buffer *authorized;
+    buffer *devnames;
+    buffer *vlans;
+} guest_portal;
+
+/* A circular list of portals that the set owns (they come from malloc). */
+typedef struct guest_portal_set {
+    guest_portal_link head;
+} guest_portal_set;
+
+/* All functions accept null arguments and then do nothing or answer 0 or
+ * null.  Tokens in the files are separated by newlines and commas only. */
+
+/* Zeroes the record; returns it. */
+guest_portal *guest_portal_init(guest_portal *portal) TREL_NOEXCEPT;
+/* Stores name (cut to 31 characters) and reads the portal's three files. */
+void guest_portal_read(guest_portal *portal, const char *name) TREL_NOEXCEPT;
+/* Destroys the three buffers; the record itself is not freed.  Not for a
+ * portal that is a member of a set. */
+void guest_portal_clear(guest_portal *portal) TREL_NOEXCEPT;
+/* 1 when client is a whole token of "authorized", else 0. */
+int guest_portal_is_auth(const guest_portal *portal, const char *client) TREL_NOEXCEPT;
+/* 1 when device is a whole token of "devnames", else 0. */
+int guest_portal_has_device(const guest_portal *portal, const char *device) TREL_NOEXCEPT;
+
+/* Makes the set empty (also valid on a zeroed set). */
+void guest_portal_set_init(guest_portal_set *set) TREL_NOEXCEPT;
+/* Adds one portal per entry of /var/run/guest/portal. */
+void guest_portal_set_read(guest_portal_set *set) TREL_NOEXCEPT;
+/* Appends a malloc'ed portal; the set takes it over. */
+void guest_portal_set_add(guest_portal_set *set, guest_portal *portal) TREL_NOEXCEPT;
+uint64_t guest_portal_set_count(const guest_portal_set *set) TREL_NOEXCEPT;
+/* Clears and frees every portal of the set; the set is empty afterwards. */
+void guest_portal_set_clear(guest_portal_set *set) TREL_NOEXCEPT;
+/* The lookups return a portal of the set (still owned by it), or null; when
+ * several match, the one added last wins. */
+guest_portal *guest_portal_from_device(const guest_portal_set *set,
+                                       const char *device) TREL_NOEXCEPT;
+guest_portal *guest_portal_from_name(const guest_portal_set *set, const char *name) TREL_NOEXCEPT;
+/* Null at once for a negative vlan. */
+guest_portal *guest_portal_from_vlan(const guest_portal_set *set, int32_t vlan) TREL_NOEXCEPT;
+
 TREL_END_DECLS
 
 #endif
