@@ -82,11 +82,12 @@ struct Members {
     }
 };
 
-void list_members(const char *bridge, const char *const *exclude, Members &m) noexcept {
+// False when the entry has no member list (it is no bridge).
+bool list_members(const char *bridge, const char *const *exclude, Members &m) noexcept {
     char dir_path[PATH_MAX];
-    if (!format_path(dir_path, "/sys/class/net/%s/brif", bridge)) return;
+    if (!format_path(dir_path, "/sys/class/net/%s/brif", bridge)) return false;
     trel::UniqueDir dir(trel::path_opendir(dir_path));
-    if (!dir) return;
+    if (!dir) return false;
     while (struct dirent *e = readdir(dir.get())) {
         if (is_dot_entry(e->d_name)) continue;
         trel::copy_text(m.last, sizeof m.last, e->d_name);
@@ -102,12 +103,13 @@ void list_members(const char *bridge, const char *const *exclude, Members &m) no
             break;
         }
     }
+    return true;
 }
 
 void fdb_foreach_on_bridge(const char *bridge, const char *const *exclude, fdb_foreach_cb cb,
                            void *arg) noexcept {
     Members members;
-    list_members(bridge, exclude, members);
+    if (!list_members(bridge, exclude, members)) return;
     char path[PATH_MAX];
     if (!format_path(path, "/sys/class/net/%s/brforward", bridge)) return;
     trel::UniqueFile f(trel::path_fopen(path, "re"));
