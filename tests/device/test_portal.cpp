@@ -2,7 +2,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <functional>
 #include <string>
 
 #include <trel/net.h>
@@ -32,8 +31,6 @@ guest_portal *read_portal(const char *name) {
 }
 
 const char *name_of(const guest_portal *p) { return p ? p->name : "null"; }
-std::string n(uint64_t v) { return std::to_string(v); }
-std::string s(const char *v) { return v; }
 
 class Portal : public ::testing::Test {
 protected:
@@ -60,49 +57,49 @@ TEST_F(Portal, TokensAndLookups) {
     guest_portal_set_add(&set, shortened);
     EXPECT_EQ(shortened->authorized, nullptr);  // no such file
 
-    struct {
+    // Token answers of one portal, then lookups over the set (found portal's name).
+    auto dev = [&](const char *d) { return guest_portal_has_device(alpha, d); };
+    auto auth = [&](const std::string &c) { return guest_portal_is_auth(alpha, c.c_str()); };
+    const struct {
         const char *what;
-        std::function<std::string()> call;
-        std::string want;
-    } const rows[] = {
-        {"wlan0 beside wlan01", [&] { return n(guest_portal_has_device(alpha, "wlan0")); }, "1"},
-        {"wlan01", [&] { return n(guest_portal_has_device(alpha, "wlan01")); }, "1"},
-        {"wlan is no token", [&] { return n(guest_portal_has_device(alpha, "wlan")); }, "0"},
-        {"lan0 is no token", [&] { return n(guest_portal_has_device(alpha, "lan0")); }, "0"},
-        {"empty needle", [&] { return n(guest_portal_has_device(alpha, "")); }, "0"},
-        {"first line", [&] { return n(guest_portal_is_auth(alpha, "aa:bb")); }, "1"},
-        {"a space is no delimiter", [&] { return n(guest_portal_is_auth(alpha, "cc:dd")); }, "0"},
-        {"token with its space", [&] { return n(guest_portal_is_auth(alpha, "cc:dd ")); }, "1"},
-        {"200 characters over two reads",
-         [&] { return n(guest_portal_is_auth(alpha, kToken.c_str())); }, "1"},
-        {"first read of it alone",
-         [&] { return n(guest_portal_is_auth(alpha, kToken.substr(0, 127).c_str())); }, "0"},
-        {"after a comma at the end", [&] { return n(guest_portal_is_auth(alpha, "x")); }, "1"},
-        {"vlan 10 in both: the later", [&] { return s(name_of(guest_portal_from_vlan(&set, 10))); },
-         "beta"},
-        {"vlan 1 is not 10", [&] { return s(name_of(guest_portal_from_vlan(&set, 1))); }, "null"},
-        {"vlan 20", [&] { return s(name_of(guest_portal_from_vlan(&set, 20))); }, "beta"},
-        {"vlan -1", [&] { return s(name_of(guest_portal_from_vlan(&set, -1))); }, "null"},
-        {"wlan0 in both: the later",
-         [&] { return s(name_of(guest_portal_from_device(&set, "wlan0"))); }, "beta"},
-        {"wlan01", [&] { return s(name_of(guest_portal_from_device(&set, "wlan01"))); }, "alpha"},
-        {"empty token is none", [&] { return s(name_of(guest_portal_from_device(&set, ""))); },
-         "null"},
-        {"by name", [&] { return s(name_of(guest_portal_from_name(&set, "alpha"))); }, "alpha"},
-        {"name prefix", [&] { return s(name_of(guest_portal_from_name(&set, "alph"))); }, "null"},
-        {"40-character name",
-         [&] { return s(name_of(guest_portal_from_name(&set, kLong.c_str()))); }, "null"},
-        {"its 31 characters",
-         [&] { return s(name_of(guest_portal_from_name(&set, kLong.substr(0, 31).c_str()))); },
-         kLong.substr(0, 31)},
-        {"files of the 40-character directory",
-         [&] { return s(name_of(guest_portal_from_device(&set, "wlan40"))); }, kLong.substr(0, 31)},
-        {"count", [&] { return n(guest_portal_set_count(&set)); }, "3"},
+        int got, want;
+    } tokens[] = {
+        {"wlan0 beside wlan01", dev("wlan0"), 1},
+        {"wlan01", dev("wlan01"), 1},
+        {"wlan is no token", dev("wlan"), 0},
+        {"lan0 is no token", dev("lan0"), 0},
+        {"empty needle", dev(""), 0},
+        {"first line", auth("aa:bb"), 1},
+        {"a space is no delimiter", auth("cc:dd"), 0},
+        {"with its space", auth("cc:dd "), 1},
+        {"200 characters over two reads", auth(kToken), 1},
+        {"the first read alone", auth(kToken.substr(0, 127)), 0},
+        {"after a comma, at the end", auth("x"), 1},
     };
-    for (const auto &r : rows) {
+    for (const auto &r : tokens) {
         SCOPED_TRACE(r.what);
-        EXPECT_EQ(r.call(), r.want);
+        EXPECT_EQ(r.got, r.want);
     }
+    const std::string cut = kLong.substr(0, 31);
+    const struct {
+        const char *what;
+        std::string got, want;
+    } lookups[] = {
+        {"vlan 10 in both: the later", name_of(guest_portal_from_vlan(&set, 10)), "beta"},
+        {"vlan 1 is not 10", name_of(guest_portal_from_vlan(&set, 1)), "null"},
+        {"vlan -1", name_of(guest_portal_from_vlan(&set, -1)), "null"},
+        {"wlan0 in both: the later", name_of(guest_portal_from_device(&set, "wlan0")), "beta"},
+        {"wlan01", name_of(guest_portal_from_device(&set, "wlan01")), "alpha"},
+        {"name prefix", name_of(guest_portal_from_name(&set, "alph")), "null"},
+        {"40-character name", name_of(guest_portal_from_name(&set, kLong.c_str())), "null"},
+        {"its 31 characters", name_of(guest_portal_from_name(&set, cut.c_str())), cut},
+        {"its directory's files", name_of(guest_portal_from_device(&set, "wlan40")), cut},
+    };
+    for (const auto &r : lookups) {
+        SCOPED_TRACE(r.what);
+        EXPECT_EQ(r.got, r.want);
+    }
+    EXPECT_EQ(guest_portal_set_count(&set), 3u);
 
     guest_portal_set_clear(&set);
     EXPECT_EQ(guest_portal_set_count(&set), 0u);
