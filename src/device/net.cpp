@@ -12,6 +12,9 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <iterator>
+
 #include <trel/exec.h>
 #include <trel/net.h>
 
@@ -40,6 +43,14 @@ struct ifreq named_ifreq(const char *ifname) noexcept {
 
 trel::UniqueFd inet_socket() noexcept {
     return trel::UniqueFd(trel::open_socket(AF_INET, SOCK_DGRAM));
+}
+
+// One interface ioctl on a socket of its own.
+enum class Ioctl { ok, no_socket, failed };
+Ioctl interface_ioctl(unsigned long request, struct ifreq &ifr) noexcept {
+    trel::UniqueFd fd = inet_socket();
+    if (!fd) return Ioctl::no_socket;
+    return ioctl(fd.get(), request, &ifr) == 0 ? Ioctl::ok : Ioctl::failed;
 }
 
 trel::UniqueFd route_socket(int type) noexcept {
@@ -100,12 +111,6 @@ ssize_t read_route_dump(int fd, unsigned char *buf, size_t size) noexcept {
 
 TREL_API int set_iface_ip(const char *ifname, const char *ip) noexcept {
     if (ifname == nullptr || ip == nullptr) return -1;
-    trel::UniqueFd fd = inet_socket();
-    if (!fd) {
-        TREL_ERR(kUtil, "unable to open sock");
-        return -1;
-    }
-    struct ifreq ifr = named_ifreq(ifname);
     struct sockaddr_in sin;
     memset(&sin, 0, sizeof sin);
     sin.sin_family = AF_INET;
@@ -114,23 +119,26 @@ TREL_API int set_iface_ip(const char *ifname, const char *ip) noexcept {
         TREL_ERR(kUtil, "inet_pton failed");
         return -1;
     }
+    struct ifreq ifr = named_ifreq(ifname);
     memcpy(&ifr.ifr_addr, &sin, sizeof sin);
-    if (ioctl(fd.get(), SIOCSIFADDR, &ifr) != 0) {
-        TREL_ERR(kUtil, "ioctl SIOCSIFADDR failed");
-        return -1;
+    switch (interface_ioctl(SIOCSIFADDR, ifr)) {
+        case Ioctl::ok:
+            return 0;
+        case Ioctl::no_socket:
+            TREL_ERR(kUtil, "unable to open sock");
+            return -1;
+        default:
+            TREL_ERR(kUtil, "ioctl SIOCSIFADDR failed");
+            return -1;
     }
-    return 0;
 }
 
 TREL_API int get_iface_ip(const char *ifname, uint32_t *ip) noexcept {
     if (ifname == nullptr || ip == nullptr) return -1;
-    trel::UniqueFd fd = inet_socket();
-    if (!fd) return -1;
     struct ifreq ifr = named_ifreq(ifname);
-    if (ioctl(fd.get(), SIOCGIFADDR, &ifr) != 0) {
-        TREL_DBG(kUtil, "ioctl SIOCGIFADDR failed");
-        return -1;
-    }
+    Ioctl rc = interface_ioctl(SIOCGIFADDR, ifr);
+    if (rc == Ioctl::failed) TREL_DBG(kUtil, "ioctl SIOCGIFADDR failed");
+    if (rc != Ioctl::ok) return -1;
     struct sockaddr_in sin;
     memcpy(&sin, &ifr.ifr_addr, sizeof sin);
     *ip = sin.sin_addr.s_addr;
@@ -139,35 +147,27 @@ TREL_API int get_iface_ip(const char *ifname, uint32_t *ip) noexcept {
 
 TREL_API int get_iface_index(const char *ifname, uint32_t *index) noexcept {
     if (ifname == nullptr || ifname[0] == '\0' || index == nullptr) return -1;
-    trel::UniqueFd fd = inet_socket();
-    if (!fd) return -1;
     struct ifreq ifr = named_ifreq(ifname);
-    if (ioctl(fd.get(), SIOCGIFINDEX, &ifr) != 0) {
-        TREL_ERR(kUtil, "ioctl SIOCGIFINDEX failed");
-        return -1;
-    }
+    Ioctl rc = interface_ioctl(SIOCGIFINDEX, ifr);
+    if (rc == Ioctl::failed) TREL_ERR(kUtil, "ioctl SIOCGIFINDEX failed");
+    if (rc != Ioctl::ok) return -1;
     *index = static_cast<uint32_t>(ifr.ifr_ifindex);
     return 0;
 }
 
 TREL_API int iface_is_up(const char *ifname) noexcept {
     if (ifname == nullptr) return 0;
-    trel::UniqueFd fd = inet_socket();
-    if (!fd) return 0;
     struct ifreq ifr = named_ifreq(ifname);
-    if (ioctl(fd.get(), SIOCGIFFLAGS, &ifr) != 0) {
-        TREL_ERR(kUtil, "ioctl SIOCGIFFLAGS failed on %s", ifname);
-        return 0;
-    }
-    return (ifr.ifr_flags & IFF_UP) != 0;
+    Ioctl rc = interface_ioctl(SIOCGIFFLAGS, ifr);
+    if (rc == Ioctl::failed) TREL_ERR(kUtil, "ioctl SIOCGIFFLAGS failed on %s", ifname);
+    return rc == Ioctl::ok && (ifr.ifr_flags & IFF_UP) != 0;
 }
 
 TREL_API int devhwaddr_get_iface(uint8_t *hwaddr, const char *ifname) noexcept {
     if (hwaddr == nullptr || ifname == nullptr) return -1;
-    trel::UniqueFd fd = inet_socket();
-    if (!fd) return -1;
     struct ifreq ifr = named_ifreq(ifname);
-    if (ioctl(fd.get(), SIOCGIFHWADDR, &ifr) != 0) return -ECHILD;
+    Ioctl rc = interface_ioctl(SIOCGIFHWADDR, ifr);
+    if (rc != Ioctl::ok) return rc == Ioctl::failed ? -ECHILD : -1;
     memcpy(hwaddr, ifr.ifr_hwaddr.sa_data, 6);
     return 0;
 }
@@ -189,8 +189,9 @@ TREL_API int devifindex_get_hwaddr(uint32_t *ifindex, const uint8_t *hwaddr) noe
     ifc.ifc_req = reqs;
     if (ioctl(fd.get(), SIOCGIFCONF, &ifc) != 0) return -EAGAIN;
     int rc = -ECHILD;
-    size_t count = static_cast<size_t>(ifc.ifc_len) / sizeof(struct ifreq);
-    for (size_t i = 0; i < count && i < 10; i++) {
+    size_t count =
+        std::min(static_cast<size_t>(ifc.ifc_len) / sizeof(struct ifreq), std::size(reqs));
+    for (size_t i = 0; i < count; i++) {
         struct ifreq ifr = named_ifreq(reqs[i].ifr_name);
         if (ioctl(fd.get(), SIOCGIFHWADDR, &ifr) != 0) continue;
         if (memcmp(ifr.ifr_hwaddr.sa_data, hwaddr, 6) != 0) continue;
