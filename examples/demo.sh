@@ -15,6 +15,10 @@ run reduce-path /var/run/../tmp//system.cfg
 run hexdump /var/run/ipready.br0
 run board
 run status eth0
+run net bridge br0 --fdb
+run net arp 192.0.2.30
+run portal list
+run portal vlan 20
 run cfg get mgmt.vesk.env
 run cfg section radio. --postfix .mode
 run --json cfg get radio.1.channel --type int32

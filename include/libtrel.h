@@ -10,5 +10,6 @@
 #include <trel/ipc.h>
 #include <trel/http.h>
 #include <trel/device.h>
+#include <trel/net.h>
 
 #endif
