@@ -94,7 +94,12 @@ int main(int argc, char **argv) {
 
     for (Setup setup : setups()) setup(app);
 
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        // --help succeeds; every other parse error is bad usage.
+        return app.exit(e) == 0 ? 0 : 2;
+    }
 
     if (!g_options.root.empty()) setenv("LIBTREL_ROOT", g_options.root.c_str(), 1);
     libtrel_log_level = level;
