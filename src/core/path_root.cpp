@@ -110,4 +110,9 @@ ssize_t path_readlink(const char *path, char *buf, size_t size) noexcept {
                      [&](const char *p) { return readlink(p, buf, size); });
 }
 
+ssize_t path_readlinkat(int dirfd, const char *path, char *buf, size_t size) noexcept {
+    return with_path(path, static_cast<ssize_t>(-1),
+                     [&](const char *p) { return readlinkat(dirfd, p, buf, size); });
+}
+
 }  // namespace trel
