@@ -22,6 +22,7 @@ constexpr size_t kProcPathSize = 128;
 constexpr size_t kStatLineSize = 1024;
 constexpr size_t kCmdlineSize = 1024;
 constexpr size_t kFdPathSize = 386;  // both the link's path and its text
+constexpr size_t kDirBufferSize = 8192;
 
 // Keeps errno across a log call: errno after the descriptor walk tells
 // whether reading the directory failed, and logging is no failure of it.
@@ -29,6 +30,7 @@ class KeepErrno {
 public:
     KeepErrno() noexcept : saved_(errno) {}
     ~KeepErrno() { errno = saved_; }
+    int saved() const noexcept { return saved_; }
 
 private:
     int saved_;
@@ -66,13 +68,25 @@ void free_ps_entry(trel_ps_entry *e) noexcept {
     free(e);
 }
 
+// The first line of a small file, cut as freadline cuts it; empty when the
+// file cannot be read.  One open and one read, no stream.
+void read_first_line(const char *path, char *line, size_t size) noexcept {
+    line[0] = '\0';
+    trel::UniqueFd fd(trel::path_open(path, O_RDONLY | O_CLOEXEC));
+    if (!fd) return;
+    ssize_t n = read(fd.get(), line, size - 1);
+    if (n <= 0) return;
+    line[n] = '\0';
+    line[strcspn(line, "\n\r\a")] = '\0';
+}
+
 // The entry of one process from its stat line, or null to skip it.  The name
 // runs from the first "(" to the last ")", so it may hold both and spaces.
 trel_ps_entry *read_stat(int32_t pid, unsigned shift) noexcept {
     char path[kProcPathSize];
     char line[kStatLineSize];
     snprintf(path, sizeof path, "/proc/%d/stat", pid);
-    freadline(path, line, sizeof line, "");
+    read_first_line(path, line, sizeof line);
     if (line[0] == '\0') return nullptr;  // gone meanwhile
     char *open = strchr(line, '(');
     char *close = strrchr(line, ')');
@@ -129,19 +143,23 @@ void fread_cmdline(trel_ps_entry *e) noexcept {
     e->cmdline = strdup(buf);
 }
 
-// The link text of dir/name into out[kFdPathSize + 1]; false when it cannot
-// be read or fills the whole buffer (then it may have been cut).
-bool resolve_fd_path(const char *dir, const char *name, char *out) noexcept {
-    char path[kFdPathSize];
-    snprintf(path, sizeof path, "%s/%s", dir, name);
-    ssize_t n = trel::path_readlink(path, out, kFdPathSize);
+// The link text of the descriptor name in the fd directory dirfd (dir) into
+// out[kFdPathSize + 1]; false when it cannot be read or fills the whole
+// buffer (then it may have been cut).
+bool resolve_fd_path(int dirfd, const char *dir, const char *name, char *out) noexcept {
+    ssize_t n = trel::path_readlinkat(dirfd, name, out, kFdPathSize);
     if (n < 0) {
-        TREL_DBG(kModule, "Failed to readlink '%s': %s", path, strerror(errno));
+        KeepErrno keep;  // the failure itself stays in errno
+        char path[kFdPathSize];
+        snprintf(path, sizeof path, "%s/%s", dir, name);
+        TREL_DBG(kModule, "Failed to readlink '%s': %s", path, strerror(keep.saved()));
         return false;
     }
     out[n] = '\0';
     if (static_cast<size_t>(n) == kFdPathSize) {
         KeepErrno keep;
+        char path[kFdPathSize];
+        snprintf(path, sizeof path, "%s/%s", dir, name);
         TREL_DBG(kModule, "Resolved path truncated '%s ->  %s'", path, out);
         return false;
     }
@@ -168,48 +186,55 @@ uint32_t classify_fd(const char *link, const char **bracket) noexcept {
     }
 }
 
-// Counts the process's descriptors and, with with_fds, records each one.
+// Counts the process's descriptors and, with with_fds, records each one.  The
+// directory is read with getdents64 into a buffer on the stack.
 void walk_process_fds(trel_ps_entry *e, uint32_t with_fds, trel_socket_table *sockets) noexcept {
     char dir[kProcPathSize];
     snprintf(dir, sizeof dir, "/proc/%d/fd", e->pid);
-    trel::UniqueDir d(trel::path_opendir(dir));
-    if (!d) {
+    trel::UniqueFd fd(trel::path_open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd) {
         TREL_DBG(kModule, "Failed to open '%s': %s", dir, strerror(errno));
         e->fd_count = -1;
         return;
     }
     errno = 0;
     int32_t count = -2;  // "." and ".." are listed too
-    while (struct dirent *de = readdir(d.get())) {
-        count++;
-        if (!with_fds || de->d_type != DT_LNK) continue;
-        char link[kFdPathSize + 1];
-        if (!resolve_fd_path(dir, de->d_name, link)) continue;
-        const char *bracket = nullptr;
-        uint32_t type = classify_fd(link, &bracket);
-        if (type == TREL_FD_UNKNOWN) {
-            KeepErrno keep;
-            TREL_WARN(kModule, "Unknown FD type '%s'", link);
-            continue;
-        }
-        auto *fd = static_cast<trel_ps_fd *>(calloc(1, sizeof(trel_ps_fd)));
-        if (fd != nullptr && type != TREL_FD_SOCKET) {
-            fd->target.link = strdup(link);
-            if (fd->target.link == nullptr) {
-                free(fd);
-                fd = nullptr;
+    alignas(struct dirent64) char buf[kDirBufferSize];
+    ssize_t n;
+    while ((n = getdents64(fd.get(), buf, sizeof buf)) > 0) {
+        for (ssize_t off = 0; off < n;) {
+            auto *de = reinterpret_cast<struct dirent64 *>(buf + off);
+            off += de->d_reclen;
+            count++;
+            if (!with_fds || de->d_type != DT_LNK) continue;
+            char link[kFdPathSize + 1];
+            if (!resolve_fd_path(fd.get(), dir, de->d_name, link)) continue;
+            const char *bracket = nullptr;
+            uint32_t type = classify_fd(link, &bracket);
+            if (type == TREL_FD_UNKNOWN) {
+                KeepErrno keep;
+                TREL_WARN(kModule, "Unknown FD type '%s'", link);
+                continue;
             }
+            auto *rec = static_cast<trel_ps_fd *>(calloc(1, sizeof(trel_ps_fd)));
+            if (rec != nullptr && type != TREL_FD_SOCKET) {
+                rec->target.link = strdup(link);
+                if (rec->target.link == nullptr) {
+                    free(rec);
+                    rec = nullptr;
+                }
+            }
+            if (rec == nullptr) {
+                TREL_ERR(kModule, "Failed to alloc FD");
+                continue;
+            }
+            rec->type = type;
+            if (type == TREL_FD_SOCKET) {
+                auto inode = static_cast<uint32_t>(strtoul(bracket + 1, nullptr, 10));
+                if (sockets != nullptr) HASH_FIND_INT(sockets->head, &inode, rec->target.socket);
+            }
+            list_append(&e->fds, &rec->list);
         }
-        if (fd == nullptr) {
-            TREL_ERR(kModule, "Failed to alloc FD");
-            continue;
-        }
-        fd->type = type;
-        if (type == TREL_FD_SOCKET) {
-            auto inode = static_cast<uint32_t>(strtoul(bracket + 1, nullptr, 10));
-            if (sockets != nullptr) HASH_FIND_INT(sockets->head, &inode, fd->target.socket);
-        }
-        list_append(&e->fds, &fd->list);
     }
     // Kept: any failure that set errno during the walk, a failed readlink
     // included, marks the whole count as unreadable.
