@@ -230,11 +230,12 @@ std::map<int, Row> procps_table() {
     return rows;
 }
 
-// A child named name that runs fn and exits.
+// A child named name that runs fn and exits; it is killed with the test.
 template <typename Fn>
 pid_t fork_named(const char *name, Fn fn) {
     pid_t pid = fork();
     if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         prctl(PR_SET_NAME, name);
         fn();
         _exit(0);
