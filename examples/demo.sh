@@ -26,3 +26,5 @@ echo "\$ printf 'hello' | trel sha256 -"
 printf 'hello' | "$trel" sha256 -
 echo
 run syswrapper reload
+run ps --fds
+run conntrack --top 5

@@ -400,4 +400,11 @@ int path_rename(const char *from, const char *to) noexcept {
     return renameat(a.dir(), a.name(), b.dir(), b.name());
 }
 
+ssize_t path_readlinkat(int dirfd, const char *path, char *buf, size_t size) noexcept {
+    // A relative name stays relative to dirfd, which was itself opened inside
+    // the root; an absolute one resolves like path_readlink.
+    if (root_for(path) != nullptr) return path_readlink(path, buf, size);
+    return readlinkat(dirfd, path, buf, size);
+}
+
 }  // namespace trel

@@ -58,5 +58,6 @@ int path_rmdir(const char *path) noexcept;
 int path_rename(const char *from, const char *to) noexcept;
 DIR *path_opendir(const char *path) noexcept;
 ssize_t path_readlink(const char *path, char *buf, size_t size) noexcept;
+ssize_t path_readlinkat(int dirfd, const char *path, char *buf, size_t size) noexcept;
 
 }  // namespace trel
