@@ -1,0 +1,80 @@
+/* libtrel telemetry: JSON helpers and sampled series, build facts. */
+#ifndef TREL_TELEMETRY_H
+#define TREL_TELEMETRY_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <time.h>
+
+#include <jansson.h>
+
+#include <trel/common.h>
+
+TREL_BEGIN_DECLS
+
+/* ---- JSON helpers ---------------------------------------------------------- */
+
+/* The time stamp of the sampled series; only tv_sec is used.  Written by
+ * trel_grab_ts and trel_set_ts, never refreshed on its own.  (Strict ISO C
+ * without POSIX sees struct timespec as an incomplete type here.) */
+extern struct timespec qx_now;
+
+/* None of these frees the object it is given; the readers return the default
+ * on a missing key or a value of another type. */
+
+/* The key's string (owned by the object, do not free) or def. */
+const char *trel_json_get_str(const json_t *object, const char *key, const char *def) TREL_NOEXCEPT;
+/* 1 for true or a non-zero integer, 0 for false or zero, else def. */
+int trel_json_get_bool(const json_t *object, const char *key, int def) TREL_NOEXCEPT;
+long trel_json_read_long(const json_t *object, const char *key, long def) TREL_NOEXCEPT;
+int64_t trel_json_read_i64(const json_t *object, const char *key, int64_t def) TREL_NOEXCEPT;
+/* 0 with *values a new array of the key's integer members (caller frees) and
+ * *count their number; -1 (nothing allocated) when there is none. */
+int trel_json_read_array(const json_t *object, const char *key, long **values,
+                         size_t *count) TREL_NOEXCEPT;
+/* Sets key to its integer value (0 when missing or not an integer) plus
+ * delta: 0, or -1 when the set fails. */
+int trel_json_add_long(json_t *object, const char *key, long delta) TREL_NOEXCEPT;
+int trel_json_add_i64(json_t *object, const char *key, int64_t delta) TREL_NOEXCEPT;
+/* Appends an integer to the array at key, creating it when the key is
+ * missing: 0, or -1 when the new array cannot be made or set. */
+int trel_json_append_array(json_t *object, const char *key, long value) TREL_NOEXCEPT;
+/* Adds a sample to the series "<prefix>Array" / "<prefix>Time" /
+ * "<prefix>Interval" at qx_now: at most one per interval (10 s at first),
+ * at most 360 samples, halved and the interval doubled when full.
+ * 0 appended, -2 too early (nothing changed), -1 failure or a prefix that
+ * makes a key longer than 39 characters. */
+int trel_json_maybe_append_array(json_t *object, const char *prefix, long value) TREL_NOEXCEPT;
+/* Reads CLOCK_MONOTONIC into qx_now and returns its seconds. */
+int64_t trel_grab_ts(void) TREL_NOEXCEPT;
+/* Sets the seconds of qx_now (the nanoseconds stay). */
+void trel_set_ts(int64_t seconds) TREL_NOEXCEPT;
+/* The whole stream (from its start) as standard Base64: a new text the caller
+ * frees, an allocated "" for an empty file, NULL on failure or a NULL or
+ * unseekable stream. */
+char *load_file_base64(FILE *stream) TREL_NOEXCEPT;
+/* Sets key to load_file_base64(stream): 0, or -1 (the key then holds "")
+ * when the file cannot be encoded or the set fails. */
+int json_object_load_file_base64(json_t *object, const char *key, FILE *stream) TREL_NOEXCEPT;
+/* A new JSON string of the first three octets of "aa:bb:cc[:dd:ee:ff]" as
+ * six lowercase hex digits (caller releases), or NULL. */
+json_t *mac_str_to_oui_json_string(const char *mac) TREL_NOEXCEPT;
+/* Reads an integer stored as a JSON integer (only when allow_integer is
+ * non-zero) or as text ("%i": decimal, 0x hex, 0 octal) into *value: 2 from
+ * an integer, 1 from text, 0 otherwise (*value untouched).  obj_name only
+ * names the object in messages. */
+int trel_json_integer_value_from_obj(const json_t *object, const char *obj_name, const char *key,
+                                     int allow_integer, int *value) TREL_NOEXCEPT;
+
+/* ---- Build facts ("/usr/lib/build.properties") --------------------------- */
+
+/* Writes "<build_date> <build_time>" (each at most 11 characters) into buf,
+ * cut to size: 0, or -1 when the file is missing or buf unusable. */
+int get_build_time(char *buf, int size) TREL_NOEXCEPT;
+/* "scm_reftype": 1 "atag", 2 "branch", 0 anything else or missing. */
+int get_trel_scm_reftype(void) TREL_NOEXCEPT;
+
+TREL_END_DECLS
+
+#endif

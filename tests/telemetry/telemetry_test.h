@@ -1,0 +1,78 @@
+// Helpers shared by the telemetry tests.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include <jansson.h>
+#include <libtrel.h>
+
+namespace telemetry_test {
+
+struct JsonDeleter {
+    void operator()(json_t *v) const { json_decref(v); }
+};
+// One owned reference.
+using Json = std::unique_ptr<json_t, JsonDeleter>;
+
+inline Json json_of(const std::string &text) {
+    json_error_t err;
+    return Json(json_loads(text.c_str(), 0, &err));
+}
+
+inline std::string dump(const json_t *v) {
+    char *text = json_dumps(v, JSON_COMPACT | JSON_ENCODE_ANY);
+    std::string out = text ? text : "<null>";
+    free(text);
+    return out;
+}
+
+// Sets libtrel_log_level for the life of the object.
+class LogLevel {
+public:
+    explicit LogLevel(uint32_t level) : saved_(libtrel_log_level) { libtrel_log_level = level; }
+    ~LogLevel() { libtrel_log_level = saved_; }
+
+private:
+    uint32_t saved_;
+};
+
+// Sets an environment variable for the life of the object.
+class EnvVar {
+public:
+    EnvVar(const char *name, const std::string &value) : name_(name) {
+        if (const char *old = getenv(name)) saved_.reset(new std::string(old));
+        setenv(name, value.c_str(), 1);
+    }
+    ~EnvVar() {
+        if (saved_)
+            setenv(name_, saved_->c_str(), 1);
+        else
+            unsetenv(name_);
+    }
+
+private:
+    const char *name_;
+    std::unique_ptr<std::string> saved_;
+};
+
+// A loopback port nothing listens on: connections are refused at once.
+inline int closed_port() {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_in sin = {};
+    sin.sin_family = AF_INET;
+    sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof sin;
+    bind(fd, (struct sockaddr *)&sin, sizeof sin);
+    getsockname(fd, (struct sockaddr *)&sin, &len);
+    close(fd);
+    return ntohs(sin.sin_port);
+}
+
+}  // namespace telemetry_test
