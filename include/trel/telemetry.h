@@ -1,4 +1,5 @@
-/* libtrel telemetry: JSON helpers and sampled series, build facts. */
+/* libtrel telemetry: JSON helpers and sampled series, build facts, and trace
+ * envelopes sent to the trace service. */
 #ifndef TREL_TELEMETRY_H
 #define TREL_TELEMETRY_H
 
@@ -74,6 +75,51 @@ int trel_json_integer_value_from_obj(const json_t *object, const char *obj_name,
 int get_build_time(char *buf, int size) TREL_NOEXCEPT;
 /* "scm_reftype": 1 "atag", 2 "branch", 0 anything else or missing. */
 int get_trel_scm_reftype(void) TREL_NOEXCEPT;
+
+/* ---- Trace envelopes and upload ---------------------------------------------- */
+
+/* Results of send_traces. */
+#define TREL_TRACE_SENT 0        /* the service answered HTTP 202 */
+#define TREL_TRACE_FAILED 1      /* transport failure or another HTTP status */
+#define TREL_TRACE_BACKING_OFF 2 /* skipped: the back-off has not passed */
+#define TREL_TRACE_GAVE_UP 3     /* skipped: back-off beyond a day, for good */
+#define TREL_TRACE_DISABLED 4    /* skipped: analytics switched off */
+
+/* A new empty trace object / array of traces (NULL when out of memory);
+ * release with trace_decref. */
+json_t *trace_object(void) TREL_NOEXCEPT;
+json_t *trace_array(void) TREL_NOEXCEPT;
+/* The setters take over the reference to value, also when they refuse it:
+ * 0, or -1 when value has the wrong type (see each) or the set fails. */
+/* value: an object, stored as {"contentType": "application/json", "data":
+ * its compact text}. */
+int trace_object_set_payload_new(json_t *trace, json_t *value) TREL_NOEXCEPT;
+/* value: an integer. */
+int trace_object_set_timestamp_new(json_t *trace, json_t *value) TREL_NOEXCEPT;
+/* value: a string. */
+int trace_object_set_type_new(json_t *trace, json_t *value) TREL_NOEXCEPT;
+int trace_object_set_namespace_new(json_t *trace, json_t *value) TREL_NOEXCEPT;
+/* value: an object whose members are all strings (an empty one passes). */
+int trace_object_set_source_new(json_t *trace, json_t *value) TREL_NOEXCEPT;
+int trace_object_set_meta_new(json_t *trace, json_t *value) TREL_NOEXCEPT;
+/* Appends trace, taking over its reference: 0 or -1. */
+int trace_array_append_new(json_t *array, json_t *trace) TREL_NOEXCEPT;
+/* Releases one reference (atomically, release order); NULL is allowed. */
+void trace_decref(json_t *value) TREL_NOEXCEPT;
+/* Logs the reference counts of value and everything in it (info level). */
+void dump_refcount(json_t *value) TREL_NOEXCEPT;
+
+/* Sends the array of traces in one envelope carrying the device's identity
+ * to the trace service: a TREL_TRACE_* result, or -1 when traces is not an
+ * array or memory ran out.  options (may be NULL) may give the envelope's
+ * "timestamp", "type", "meta" (an object: filled in place with the device
+ * fields) and "source".  Neither argument is released. */
+int send_traces(json_t *traces, json_t *options) TREL_NOEXCEPT;
+/* send_traces of one trace; the caller keeps its reference. */
+int send_trace_with_meta(json_t *trace, json_t *options) TREL_NOEXCEPT;
+/* Sends one trace of the given namespace and type carrying payload (an
+ * object; its reference is taken over). */
+int send_trace_simple(const char *name_space, const char *type, json_t *payload) TREL_NOEXCEPT;
 
 TREL_END_DECLS
 
