@@ -22,3 +22,8 @@ echo "\$ printf 'hello' | trel sha256 -"
 printf 'hello' | "$trel" sha256 -
 echo
 run syswrapper reload
+run build-info
+payload='{"event":"boot","uptime":12}'
+echo "\$ echo '$payload' | trel --root $root trace envelope --namespace system --type boot -"
+echo "$payload" | "$trel" --root "$root" trace envelope --namespace system --type boot -
+echo
