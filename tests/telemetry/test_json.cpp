@@ -79,7 +79,7 @@ TEST(Json, ReadersAndAddersOnMixedTypes) {
     Json o = json_of(
         R"({"s": "text", "i": 7, "zero": 0, "t": true, "f": false, "n": null, "r": 1.5,
             "a": [1, "x", 2], "ax": ["x"], "hex": "0x10", "part": "12abc", "oct": "010",
-            "neg": " -3", "big": 4294967297})");
+            "neg": " -3", "big": 4294967297, "one": [5]})");
     ASSERT_TRUE(o);
     struct Row {
         const char *key;
@@ -98,7 +98,7 @@ TEST(Json, ReadersAndAddersOnMixedTypes) {
         {"ax", "D", 9, -5, -1, {}, 0, -99},         {"missing", "D", 9, -5, -1, {}, 0, -99},
         {"hex", "0x10", 9, -5, -1, {}, 1, 16},      {"part", "12abc", 9, -5, -1, {}, 1, 12},
         {"oct", "010", 9, -5, -1, {}, 1, 8},        {"neg", " -3", 9, -5, -1, {}, 1, -3},
-        {"big", "D", 1, 4294967297L, -1, {}, 2, 1},
+        {"big", "D", 1, 4294967297L, -1, {}, 2, 1}, {"one", "D", 9, -5, 0, {5}, 0, -99},
     };
     for (const Row &r : rows) {
         SCOPED_TRACE(r.key);
@@ -142,6 +142,9 @@ TEST(Json, ReadersAndAddersOnMixedTypes) {
     EXPECT_EQ(trel_json_append_array(o.get(), "a", 9), 0);
     EXPECT_EQ(trel_json_append_array(o.get(), "fresh", 4), 0);
     EXPECT_EQ(trel_json_add_long(nullptr, "x", 1), -1);
+    long *values = nullptr;
+    EXPECT_EQ(trel_json_read_array(o.get(), "a", &values, nullptr), -1);
+    EXPECT_EQ(trel_json_maybe_append_array(nullptr, "x", 1), -1);
     std::string got;
     for (const char *key : {"i", "s", "new", "a", "fresh"})
         got += std::string(key) + "=" + dump(json_object_get(o.get(), key)) + " ";
@@ -224,6 +227,8 @@ TEST(Json, OuiAndBuildFacts) {
         EXPECT_EQ(get_build_time(when, sizeof when), f.rc);
         EXPECT_STREQ(when, f.when);
         EXPECT_EQ(get_trel_scm_reftype(), f.reftype);
+        EXPECT_EQ(get_build_time(nullptr, 5), -1);
+        EXPECT_EQ(get_build_time(when, 0), -1);
     }
 }
 

@@ -5,10 +5,12 @@
 #include <time.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "http_server.h"
+#include "telemetry/service.h"
 #include "telemetry_test.h"
 #include "trel_test.h"
 
@@ -61,17 +63,33 @@ std::vector<std::string> messages(const LogCapture &log) {
     return out;
 }
 
-void write_device(const TempRoot &root, const std::string &anonid = "0123456789abcdef") {
+// Values at and beyond each field's bound: the controller version keeps 63
+// characters, the anonymous ids 64, the manufacturing week 7.
+const std::string kVersion(70, 'v'), kController(70, 'c'), kSite(64, 's'), kDevice(70, 'd');
+
+void write_device(const TempRoot &root, const std::string &anonid, bool site) {
     root.write("/proc/trelhal/system.info",
                "vendorid=0x7a1e\nsystemid=0xee7c\nboardrevision=12\nmanufid=00a1\n"
-               "mfgweek=2331\ndevice.anonid=" +
+               "mfgweek=23310999\ndevice.anonid=" +
                    anonid + "\n");
-    root.write("/tmp/system.cfg",
-               "morna.version=9.1.2\nmorna.anonymous_controller_id=ctrl-1\n"
-               "morna.anonymous_site_id=site-1\n");
+    root.write("/tmp/system.cfg", "morna.version=" + kVersion +
+                                      "\nmorna.anonymous_controller_id=" + kController + "\n" +
+                                      (site ? "morna.anonymous_site_id=" + kSite + "\n" : ""));
     root.write("/usr/etc/.version", "6.0.1\n");
     root.write("/usr/etc/.build", "77\n");
     root.write("/proc/trelhal/status/IsDefault", "true\n");
+}
+
+// The device fields write_device(root, kDevice, site) gives.
+Json device_fields(bool site) {
+    Json o(json_pack("{s:s, s:s, s:s, s:s, s:s, s:s, s:s, s:s, s:s}", "model", "Harbor SW-P",
+                     "version", "6.0.1.77", "board_rev", "12", "manufacturer_id", "161",
+                     "controller.version", kVersion.substr(0, 63).c_str(), "is_default", "true",
+                     "mfg_week", "2331099", "anonymous_controller_id",
+                     kController.substr(0, 64).c_str(), "anonymous_device_id",
+                     kDevice.substr(0, 64).c_str()));
+    if (site) json_object_set_new(o.get(), "anonymous_site_id", json_string(kSite.c_str()));
+    return o;
 }
 
 Json one_trace(const char *type) {
@@ -145,7 +163,7 @@ TEST(Trace, DecrefAndDump) {
 TEST(Trace, SendResultsAndEnvelope) {
     trel_test::run_in_child([] {
         TempRoot root;
-        write_device(root);
+        write_device(root, kDevice, true);
         HttpServer server;
         for (int status : {202, 200, 202, 202}) server.add_response({status, "nope"});
         EnvVar base("LIBTREL_TRACE_URL", server.url("/base"));
@@ -160,6 +178,7 @@ TEST(Trace, SendResultsAndEnvelope) {
         EXPECT_TRUE(log.contains("trace.send_traces(): Traces must be an array"));
         Json object(json_object());
         EXPECT_EQ(send_traces(object.get(), nullptr), -1);
+        EXPECT_EQ(send_trace_with_meta(nullptr, nullptr), -1);
         EXPECT_TRUE(server.requests().empty());
 
         // 202: the caller's "meta" object gets the device fields in place.
@@ -169,10 +188,7 @@ TEST(Trace, SendResultsAndEnvelope) {
         EXPECT_EQ(send_traces(traces.get(), options.get()), TREL_TRACE_SENT);
         EXPECT_EQ(traces->refcount, 1u);
         EXPECT_EQ(options->refcount, 1u);
-        Json device = json_of(R"({"model": "Harbor SW-P", "version": "6.0.1.77",
-            "board_rev": "12", "manufacturer_id": "161", "controller.version": "9.1.2",
-            "is_default": "true", "mfg_week": "2331", "anonymous_controller_id": "ctrl-1",
-            "anonymous_site_id": "site-1", "anonymous_device_id": "0123456789abcdef"})");
+        Json device = device_fields(true);
         json_t *filled = json_object_get(options.get(), "meta");
         Json want_meta(json_deep_copy(device.get()));
         json_object_set_new(want_meta.get(), "site", json_string("lobby"));
@@ -189,8 +205,10 @@ TEST(Trace, SendResultsAndEnvelope) {
         EXPECT_TRUE(json_equal(sent.get(), want.get())) << reqs[0].body;
 
         // Another status is a failure, logged with the body; without options
-        // the outer meta has its defaults.  The device id stays cached.
-        write_device(root, "ffffffffffffffff");
+        // the outer meta has its defaults.  The device id stays cached, an
+        // empty site id is left out.
+        write_device(root, "ffffffffffffffff", false);
+        device = device_fields(false);
         int64_t before = real_ms();
         EXPECT_EQ(send_traces(traces.get(), nullptr), TREL_TRACE_FAILED);
         int64_t after = real_ms();
@@ -262,20 +280,52 @@ TEST(Trace, AnyAnswerClearsBackoff) {
         HttpServer server;
         server.add_response({200});
         server.add_response({202});
+        const std::string closed =
+            "http://127.0.0.1:" + std::to_string(telemetry_test::closed_port());
         Json traces = one_trace("t");
+        auto fail_times = [&](int n) {
+            EnvVar base("LIBTREL_TRACE_URL", closed);
+            for (int i = 1; i <= n; i++) EXPECT_EQ(send_traces(traces.get(), nullptr), 1) << i;
+        };
         g_fake_ms = 7000000;
-        {
-            EnvVar base("LIBTREL_TRACE_URL",
-                        "http://127.0.0.1:" + std::to_string(telemetry_test::closed_port()));
-            for (int i = 1; i <= 5; i++) send_traces(traces.get(), nullptr);
-            EXPECT_EQ(send_traces(traces.get(), nullptr), TREL_TRACE_BACKING_OFF);
-        }
-        EnvVar base("LIBTREL_TRACE_URL", server.url(""));
+        fail_times(5);
+        EXPECT_EQ(send_traces(traces.get(), nullptr), TREL_TRACE_BACKING_OFF);
         g_fake_ms = 7001000;
-        EXPECT_EQ(send_traces(traces.get(), nullptr), TREL_TRACE_FAILED);  // the 200
-        EXPECT_EQ(send_traces(traces.get(), nullptr), TREL_TRACE_SENT);    // no back-off left
+        {
+            EnvVar base("LIBTREL_TRACE_URL", server.url(""));
+            EXPECT_EQ(send_traces(traces.get(), nullptr), TREL_TRACE_FAILED);  // the 200
+            EXPECT_EQ(send_traces(traces.get(), nullptr), TREL_TRACE_SENT);    // no back-off
+        }
         EXPECT_EQ(server.requests().size(), 2u);
+        // The failure count starts again from 0.
+        fail_times(5);
+        EXPECT_EQ(send_traces(traces.get(), nullptr), TREL_TRACE_BACKING_OFF);
     });
+}
+
+// The base URL follows the management environment unless the variable
+// replaces it.
+TEST(Trace, ServiceUrlFollowsEnvironment) {
+    static const char *const urls[3] = {"P", "S", "D"};
+    struct {
+        const char *env, *reftype, *over, *want;
+    } const rows[] = {
+        {"prod", "atag", nullptr, "P"},
+        {"stage", "branch", nullptr, "S"},
+        {"dev", "atag", nullptr, "D"},
+        {"prod", "branch", nullptr, "D"},
+        {"stage", "atag", "http://x", "http://x"},
+        {"prod", "atag", "", "P"},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(std::string(r.env) + " " + r.reftype);
+        TempRoot root;
+        root.write("/tmp/system.cfg", std::string("mgmt.vesk.env=") + r.env + "\n");
+        root.write("/usr/lib/build.properties", std::string("scm_reftype=") + r.reftype + "\n");
+        std::unique_ptr<EnvVar> over;
+        if (r.over) over.reset(new EnvVar("LIBTREL_TEST_URL", r.over));
+        EXPECT_STREQ(trel::telemetry::service_base_url(urls, "LIBTREL_TEST_URL"), r.want);
+    }
 }
 
 }  // namespace
