@@ -1,5 +1,6 @@
-/* libtrel telemetry: JSON helpers and sampled series, build facts, and trace
- * envelopes sent to the trace service. */
+/* libtrel telemetry: JSON helpers and sampled series, build facts, trace
+ * envelopes sent to the trace service, and crash reports (kernel crashes,
+ * binary dumps) sent to the crash-report service. */
 #ifndef TREL_TELEMETRY_H
 #define TREL_TELEMETRY_H
 
@@ -10,6 +11,7 @@
 
 #include <jansson.h>
 
+#include <trel/cfg.h>
 #include <trel/common.h>
 
 TREL_BEGIN_DECLS
@@ -120,6 +122,55 @@ int send_trace_with_meta(json_t *trace, json_t *options) TREL_NOEXCEPT;
 /* Sends one trace of the given namespace and type carrying payload (an
  * object; its reference is taken over). */
 int send_trace_simple(const char *name_space, const char *type, json_t *payload) TREL_NOEXCEPT;
+
+/* ---- Crash reports ------------------------------------------------------------ */
+
+/* Analytics mode from "system.analytics.anonymous" and ".status": 0 off, 1
+ * full, 2 anonymous (also when neither key is set). */
+int get_analytics_mode(cfg_entry *cfg) TREL_NOEXCEPT;
+/* 1 when "system.analytics.coredump" is enabled, else 0. */
+int get_analytics_coredump_mode(cfg_entry *cfg) TREL_NOEXCEPT;
+/* 1 when path begins with "/etc/persistent" (a prefix test only), else 0. */
+int is_dir_in_persistent(const char *path) TREL_NOEXCEPT;
+/* Keeps payload, indented, in "/var/run/report_payload.txt" unless its text
+ * is longer than 102400 bytes.  Failures are logged. */
+void save_crash_payload(json_t *payload) TREL_NOEXCEPT;
+/* Writes text and a newline to "/var/run/report_payload_cmd.txt". */
+void save_crash_payload_cmd(const char *text) TREL_NOEXCEPT;
+/* Sets key to the standard output (at most 1 MiB) of the shell command: 0,
+ * or -1 when it cannot be run (key then "") or the set fails.  A NULL
+ * command sets nothing and gives 0. */
+int json_object_capture_popen(json_t *object, const char *key, const char *command) TREL_NOEXCEPT;
+
+/* 1 when "oopsdump -e" says the last boot left a kernel oops, else 0; asked
+ * once per process. */
+int has_oops(void) TREL_NOEXCEPT;
+/* Saves the oops to "/var/run/last-crashlog.txt", clears it ("oopsdump -c",
+ * whose status is returned) and forgets the cached answer (0 from now on). */
+int oops_clear(void) TREL_NOEXCEPT;
+/* Reports the pending oops once: 0 sent now or before, -1 no oops pending,
+ * -ENOENT not ready to report (time, address or analytics), -ESRCH URL too
+ * long, -EINTR payload not built, -EIO the service refused it.  The oops is
+ * not cleared. */
+int send_kernel_crash(void) TREL_NOEXCEPT;
+
+/* Kinds of dumps (dump_type). */
+#define TREL_DUMP_CORE 0      /* "core-dump" */
+#define TREL_DUMP_APP_CRASH 1 /* "app-crash" */
+#define TREL_DUMP_OOM_KILL 2  /* "oom-kill" */
+#define TREL_DUMP_RAM 3       /* "ram-dump"; any other value: "unknown" */
+
+/* Reports a crash of process pid (command text, signal, ...); the size bytes
+ * at data (may be NULL) are uploaded afterwards to the address the service
+ * returns when "/var/run/system.analytics.coredump" holds 1.  0 when the
+ * report was accepted (and the upload, if made, succeeded), else -1.  For
+ * TREL_DUMP_RAM text is the dump's type and the process fields are left
+ * out.  The caller keeps data. */
+int send_crash_binary_data(const char *text, int pid, int signal, int number_of_crashes,
+                           int process_uptime, const void *data, int size,
+                           int dump_type) TREL_NOEXCEPT;
+/* send_crash_binary_data(text, 0, 0, 0, 0, data, size, TREL_DUMP_RAM). */
+int send_ram_dump(const char *text, const void *data, int size) TREL_NOEXCEPT;
 
 TREL_END_DECLS
 

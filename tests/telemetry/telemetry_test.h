@@ -33,6 +33,17 @@ inline std::string dump(const json_t *v) {
     return out;
 }
 
+// The members of got that want names (those got has), as a new object.
+inline Json pick(const json_t *got, const json_t *want) {
+    Json out(json_object());
+    const char *key;
+    json_t *v;
+    json_object_foreach(const_cast<json_t *>(want), key, v) {
+        if (json_t *g = json_object_get(got, key)) json_object_set(out.get(), key, g);
+    }
+    return out;
+}
+
 // Sets libtrel_log_level for the life of the object.
 class LogLevel {
 public:
@@ -74,5 +85,15 @@ inline int closed_port() {
     close(fd);
     return ntohs(sin.sin_port);
 }
+
+// The system wrapper's two filters, as a fake "syswrapper.sh" on PATH: the
+// log filter masks "hunter2", the configuration filter every value of a key
+// ending in "key".
+inline const char kFilterScript[] =
+    "case \"$1\" in\n"
+    "sensitive-data-filter) sed 's/hunter2/*******/g' ;;\n"
+    "systemcfg-sensitive-data-filter) sed 's/^\\([^=]*key=\\).*/\\1***/' ;;\n"
+    "*) echo \"$@\" >> \"$LIBTREL_ROOT/syswrapper.log\" ;;\n"
+    "esac\n";
 
 }  // namespace telemetry_test
