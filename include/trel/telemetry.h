@@ -1,6 +1,6 @@
 /* libtrel telemetry: JSON helpers and sampled series, build facts, trace
  * envelopes sent to the trace service, and crash reports (kernel crashes,
- * binary dumps) sent to the crash-report service. */
+ * binary dumps, isolation logs) sent to the crash-report service. */
 #ifndef TREL_TELEMETRY_H
 #define TREL_TELEMETRY_H
 
@@ -171,6 +171,22 @@ int send_crash_binary_data(const char *text, int pid, int signal, int number_of_
                            int dump_type) TREL_NOEXCEPT;
 /* send_crash_binary_data(text, 0, 0, 0, 0, data, size, TREL_DUMP_RAM). */
 int send_ram_dump(const char *text, const void *data, int size) TREL_NOEXCEPT;
+
+/* The isolation log store ("/etc/persistent/isolation_logs/", with "meta/"
+ * and "/etc/persistent/isolation_logs_sent/").  A missing store holds no
+ * archives. */
+/* Walks the store, giving every archive a meta record; with send non-zero
+ * reports each archive not yet reported (uplink_model may be NULL:
+ * "unknown").  0, or -1 when the store's directories cannot be made. */
+int check_vwire_disconnect_logs(const char *uplink_model, int send) TREL_NOEXCEPT;
+/* 1 when an archive is not yet delivered ("sent_to_net"), else 0. */
+int has_crash_logs(void) TREL_NOEXCEPT;
+/* The first undelivered archive's meta record plus "file_data" (the archive
+ * in Base64), a new object the caller releases; NULL when there is none. */
+json_t *get_next_crash_log(void) TREL_NOEXCEPT;
+/* Marks the archive delivered: 1 when it was found (and marked, or already
+ * was), else 0.  It is not visited again. */
+int mark_crash_log_finished(const char *filename) TREL_NOEXCEPT;
 
 TREL_END_DECLS
 
