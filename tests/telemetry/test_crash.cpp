@@ -35,6 +35,9 @@ cfg_entry *cfg_of(const std::string &text) {
     return cfg;
 }
 
+// An id longer than the 63 characters kept.
+const std::string kController(70, 'c');
+
 // A device ready to report, with its identity and a configuration holding
 // a key the filter masks.
 void write_reporting_device(const TempRoot &root) {
@@ -42,8 +45,8 @@ void write_reporting_device(const TempRoot &root) {
                "vendorid=0x7a1e\nsystemid=0xee7c\nboardrevision=12\nmanufid=00a1\n"
                "device.anonid=0123456789abcdef\n");
     root.write("/tmp/system.cfg",
-               "morna.key=abcdef\nmorna.version=9.1.2\nmorna.anonymous_controller_id=ctrl-1\n"
-               "morna.anonymous_site_id=site-1\n");
+               "morna.key=abcdef\nmorna.version=9.1.2\nmorna.anonymous_controller_id=" +
+                   kController + "\nmorna.anonymous_site_id=site-1\n");
     root.write("/usr/etc/.version", "6.0.1\n");
     root.write("/usr/etc/.build", "77\n");
     root.write("/proc/trelhal/status/IsDefault", "true\n");
@@ -187,13 +190,15 @@ TEST(Crash, KernelCrashSentOnce) {
         uname(&uts);
         Json want(json_pack(
             "{s:s, s:s, s:s, s:s, s:s, s:s, s:s, s:s, s:s, s:s, s:b, s:s, s:s, s:s, s:s, s:s}",
-            "product_line", "network", "anonymous_controller_id", "ctrl-1", "anonymous_site_id",
-            "site-1", "anonymous_device_id", "0123456789abcdef", "kernel_version", uts.release,
-            "architecture", uts.machine, "bomrev", "12", "manufacturer_id", "161", "model",
-            "Harbor SW-P", "version", "6.0.1.77", "is_default", 1, "controller_version", "9.1.2",
-            "crash_log", "Oops: kernel BUG at x.c:12 *******\n", "system_cfg",
-            "morna.key=***\nmorna.version=9.1.2\nmorna.anonymous_controller_id=ctrl-1\n"
-            "morna.anonymous_site_id=site-1\n",
+            "product_line", "network", "anonymous_controller_id", kController.substr(0, 63).c_str(),
+            "anonymous_site_id", "site-1", "anonymous_device_id", "0123456789abcdef",
+            "kernel_version", uts.release, "architecture", uts.machine, "bomrev", "12",
+            "manufacturer_id", "161", "model", "Harbor SW-P", "version", "6.0.1.77", "is_default",
+            1, "controller_version", "9.1.2", "crash_log", "Oops: kernel BUG at x.c:12 *******\n",
+            "system_cfg",
+            ("morna.key=***\nmorna.version=9.1.2\nmorna.anonymous_controller_id=" + kController +
+             "\nmorna.anonymous_site_id=site-1\n")
+                .c_str(),
             "source", "oopsdump", "sender", "firmware"));
         for (const char *key : {"uptime", "boot_time", "system_time"}) {
             SCOPED_TRACE(key);
