@@ -7,11 +7,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <initializer_list>
 #include <memory>
 #include <string>
 
 #include <jansson.h>
 #include <libtrel.h>
+
+#include "trel_test.h"
 
 namespace telemetry_test {
 
@@ -44,6 +47,16 @@ inline Json pick(const json_t *got, const json_t *want) {
     return out;
 }
 
+// The members keys of o as one compact array (null for a missing one).
+inline std::string values(const json_t *o, std::initializer_list<const char *> keys) {
+    Json a(json_array());
+    for (const char *key : keys) {
+        json_t *v = json_object_get(o, key);
+        json_array_append(a.get(), v != nullptr ? v : json_null());
+    }
+    return dump(a.get());
+}
+
 // Sets libtrel_log_level for the life of the object.
 class LogLevel {
 public:
@@ -52,25 +65,6 @@ public:
 
 private:
     uint32_t saved_;
-};
-
-// Sets an environment variable for the life of the object.
-class EnvVar {
-public:
-    EnvVar(const char *name, const std::string &value) : name_(name) {
-        if (const char *old = getenv(name)) saved_.reset(new std::string(old));
-        setenv(name, value.c_str(), 1);
-    }
-    ~EnvVar() {
-        if (saved_)
-            setenv(name_, saved_->c_str(), 1);
-        else
-            unsetenv(name_);
-    }
-
-private:
-    const char *name_;
-    std::unique_ptr<std::string> saved_;
 };
 
 // A loopback port nothing listens on: connections are refused at once.
@@ -84,6 +78,24 @@ inline int closed_port() {
     getsockname(fd, (struct sockaddr *)&sin, &len);
     close(fd);
     return ntohs(sin.sin_port);
+}
+
+// A device whose texts go beyond the room kept for them (63 or 64
+// characters, the manufacturing week 7), with a key the configuration
+// filter masks.
+inline const std::string kVersion(70, 'v'), kController(70, 'c'), kDevice(70, 'd');
+inline void write_device(const trel_test::TempRoot &root, const std::string &anonid = kDevice,
+                         bool site = true) {
+    root.write("/proc/trelhal/system.info",
+               "vendorid=0x7a1e\nsystemid=0xee7c\nboardrevision=12\nmanufid=00a1\n"
+               "mfgweek=23310999\ndevice.anonid=" +
+                   anonid + "\n");
+    root.write("/tmp/system.cfg", "morna.key=abcdef\nmorna.version=" + kVersion +
+                                      "\nmorna.anonymous_controller_id=" + kController + "\n" +
+                                      (site ? "morna.anonymous_site_id=s\n" : ""));
+    root.write("/usr/etc/.version", "6.0.1\n");
+    root.write("/usr/etc/.build", "77\n");
+    root.write("/proc/trelhal/status/IsDefault", "true\n");
 }
 
 // The system wrapper's two filters, as a fake "syswrapper.sh" on PATH: the
