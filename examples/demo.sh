@@ -28,3 +28,17 @@ echo
 run syswrapper reload
 run ps --fds
 run conntrack --top 5
+run build-info
+payload='{"event":"boot","uptime":12}'
+echo "\$ echo '$payload' | trel --root $root trace envelope --namespace system --type boot -"
+echo "$payload" | "$trel" --root "$root" trace envelope --namespace system --type boot -
+echo
+# Crash reports run oopsdump and the system wrapper's filters through the
+# shell, which finds them on PATH (LIBTREL_ROOT roots files, not command
+# names): the sample's own go first.
+export PATH="$root/usr/bin:$root/usr/etc:$PATH"
+run isolation list
+log_cmd='oopsdump | syswrapper.sh sensitive-data-filter'
+echo "\$ trel --root $root crash payload --log-cmd '$log_cmd'"
+"$trel" --root "$root" crash payload --log-cmd "$log_cmd"
+echo

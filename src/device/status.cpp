@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include <trel/device.h>
+#include <trel/telemetry.h>
 
 #include "core/log.h"
 #include "core/path_root.h"
@@ -91,15 +92,6 @@ void parse_counters(char *p, trel_dev_status *st) noexcept {
 void read_mgmt_value(const char *key, char *buf, size_t size, const char *def) noexcept {
     freadvalue(kSystemCfg, key, buf, size, "");
     if (buf[0] == '\0') freadvalue(kMgmt, key, buf, size, def);
-}
-
-// Reference type of the build: 1 "atag", 2 "branch", 0 otherwise.
-int build_scm_reftype() noexcept {
-    char buf[16];
-    freadvalue("/usr/lib/build.properties", "scm_reftype", buf, sizeof buf, "unknown");
-    if (strcmp(buf, "atag") == 0) return 1;
-    if (strcmp(buf, "branch") == 0) return 2;
-    return 0;
 }
 
 char g_version[64] = "unknown.0";
@@ -419,7 +411,7 @@ TREL_API int get_vesk_env(void) noexcept {
 
 TREL_API int get_vesk_env_limit_prod(void) noexcept {
     int env = get_vesk_env();
-    int reftype = build_scm_reftype();
+    int reftype = get_trel_scm_reftype();
     char force[8];
     read_mgmt_value("mgmt.vesk.env.force", force, sizeof force, "false");
     if (starts_with(force, "1") || starts_with(force, "enable")) return env;
