@@ -66,14 +66,39 @@ bool needs_escape(char c) noexcept {
     return c == '`' || c == '\\' || c == '"' || c == '\'' || c == '$';
 }
 
-// The entry of list with e's key, or null when there is none: through the
-// index while it is usable (then e is indexed if new, to be appended).
-cfg_entry *find_or_index(trel::cfg::KeyIndex &index, cfg_entry *list, cfg_entry *e) noexcept {
-    if (index.usable()) {
-        trel::cfg::KeyIndex::Slot *s = index.insert(e);
-        if (s != nullptr) return s->entry != e ? s->entry : nullptr;
+// Merges the entries after settled (all of them when it is null) into the
+// list before them, in order: an entry with the key of an earlier one gives
+// that one its value and goes.  Keeps tail and settled (the last entry
+// merged) up to date.  Through the index of the settled keys while it is
+// usable, else by walks from the head.
+void merge_pending(trel::cfg::KeyIndex &index, cfg_entry *head, cfg_entry *&tail,
+                   cfg_entry *&settled) noexcept {
+    // first: the first entry of the list with e's key, possibly e itself.
+    auto settle = [&](cfg_entry *e, cfg_entry *first) {
+        if (first == e) {
+            settled = e;
+            return;
+        }
+        if (first->esc != first->value) free(first->esc);
+        first->esc = nullptr;
+        free(first->value);
+        first->value = e->value;
+        e->value = nullptr;
+        settled->next = e->next;  // first comes before e, so settled is set
+        if (tail == e) tail = settled;
+        free_entry(e);
+    };
+    trel::cfg::KeyIndex::Found found[trel::cfg::KeyIndex::kBatch];
+    for (cfg_entry *next = settled != nullptr ? settled->next : head; next != nullptr;) {
+        size_t n = index.lookup_batch(&next, found, true);
+        if (n == 0) break;
+        for (size_t i = 0; i < n; ++i) settle(found[i].entry, found[i].slot->entry);
     }
-    return trel::cfg::find(list, e->key);
+    for (cfg_entry *e = settled != nullptr ? settled->next : head; e != nullptr;) {
+        cfg_entry *next = e->next;
+        settle(e, trel::cfg::find(head, e->key));
+        e = next;
+    }
 }
 
 }  // namespace
@@ -120,17 +145,20 @@ bool KeyIndex::build(cfg_entry *list) noexcept {
     count_ = 0;
     size_t n = 0, capacity = 16;
     for (cfg_entry *e = list; e != nullptr; e = e->next) ++n;
-    while (capacity / 2 < n) capacity *= 2;
+    while (capacity / 2 < n + kBatch) capacity *= 2;
     slots_ = static_cast<Slot *>(calloc(capacity, sizeof(Slot)));
     if (slots_ == nullptr) return false;
     mask_ = capacity - 1;
     Found found[kBatch];
-    while (list != nullptr && usable()) lookup_batch(&list, found, true);
+    while (list != nullptr && lookup_batch(&list, found, true) > 0) continue;
     return usable();
 }
 
 size_t KeyIndex::lookup_batch(cfg_entry **list, Found *found, bool add) noexcept {
     if (slots_ == nullptr) return 0;
+    // Room for the whole batch first, so that no slot moves while it runs.
+    while (add && (count_ + kBatch) * 2 > mask_ + 1)
+        if (!grow()) return 0;
     uint32_t hash[kBatch];
     size_t n = 0;
     for (cfg_entry *e = *list; e != nullptr && n < kBatch; e = e->next, ++n) {
@@ -139,10 +167,14 @@ size_t KeyIndex::lookup_batch(cfg_entry **list, Found *found, bool add) noexcept
         __builtin_prefetch(&slots_[hash[n] & mask_]);
     }
     for (size_t i = 0; i < n; ++i) {
-        found[i].slot = lookup(found[i].entry, hash[i], add);
-        if (add && found[i].slot == nullptr) return 0;
-        *list = found[i].entry->next;
+        Slot *s = probe(found[i].entry->key, hash[i]);
+        if (s->entry == nullptr && add) {
+            *s = Slot{found[i].entry, hash[i], 0};
+            ++count_;
+        }
+        found[i].slot = s->entry != nullptr ? s : nullptr;
     }
+    if (n > 0) *list = found[n - 1].entry->next;
     return n;
 }
 
@@ -152,19 +184,6 @@ KeyIndex::Slot *KeyIndex::probe(const char *key, uint32_t hash) noexcept {
         if (s->entry == nullptr || (s->hash == hash && cfg_keycmp(s->entry->key, key) == 0))
             return s;
     }
-}
-
-KeyIndex::Slot *KeyIndex::lookup(cfg_entry *e, uint32_t hash, bool add) noexcept {
-    Slot *s = probe(e->key, hash);
-    if (s->entry != nullptr) return s;
-    if (!add) return nullptr;
-    if ((count_ + 1) * 2 > mask_ + 1) {
-        if (!grow()) return nullptr;
-        s = probe(e->key, hash);
-    }
-    *s = Slot{e, hash, 0};
-    ++count_;
-    return s;
 }
 
 bool KeyIndex::grow() noexcept {
@@ -217,7 +236,11 @@ TREL_API cfg_entry *parse_stream(FILE *stream) noexcept {
     if (stream == nullptr) return nullptr;
     cfg_entry *head = nullptr, *tail = nullptr;
     bool merge = false;
-    trel::cfg::KeyIndex index;  // from the "# misc" line on
+    // From the "# misc" line on, new entries wait after settled until a batch
+    // of them is merged.
+    trel::cfg::KeyIndex index;
+    cfg_entry *settled = nullptr;
+    size_t pending = 0;
     char *line = nullptr;
     size_t cap = 0;
     ssize_t n;
@@ -226,6 +249,7 @@ TREL_API cfg_entry *parse_stream(FILE *stream) noexcept {
             if (!merge && strncmp(line, "# misc", 6) == 0) {
                 merge = true;
                 index.build(head);
+                settled = tail;
             }
             continue;
         }
@@ -264,24 +288,17 @@ TREL_API cfg_entry *parse_stream(FILE *stream) noexcept {
         if (rlen > 0) memcpy(e->value, eq + 1, rlen - 1);
         e->value[vsize - 1] = '\0';
 
-        if (merge) {
-            cfg_entry *old = find_or_index(index, head, e);
-            if (old != nullptr) {
-                if (old->esc != old->value) free(old->esc);
-                old->esc = nullptr;
-                free(old->value);
-                old->value = e->value;
-                e->value = nullptr;
-                free_entry(e);
-                continue;
-            }
-        }
         if (tail != nullptr)
             tail->next = e;
         else
             head = e;
         tail = e;
+        if (merge && ++pending == trel::cfg::KeyIndex::kBatch) {
+            merge_pending(index, head, tail, settled);
+            pending = 0;
+        }
     }
+    if (merge) merge_pending(index, head, tail, settled);
     free(line);
     return head;
 }

@@ -46,20 +46,14 @@ public:
     // wins), replacing what was indexed; false when memory ran out.
     bool build(cfg_entry *list) noexcept;
     bool usable() const noexcept { return slots_ != nullptr; }
-    // The slot of the entry indexed under e's key; when there is none, e is
-    // indexed and its new slot returned.  Null when the table could not grow
-    // (it is then dropped) or was not usable.
-    Slot *insert(cfg_entry *e) noexcept {
-        return slots_ != nullptr ? lookup(e, key_hash(e->key), true) : nullptr;
-    }
-
     // Looks up the keys of the next entries of *list (up to kBatch of them),
     // in order, into found, and advances *list past them; returns how many.
     // A slot is null for a key not indexed, unless add is set: then the entry
-    // is indexed there, and a table that cannot grow ends the batch early
-    // (usable() tells).  The keys are all hashed, and their slots fetched,
-    // before the first is probed: in a large table each lookup is otherwise a
-    // cache miss of its own.
+    // is indexed there (so a later equal key of the batch finds it).  With
+    // add, 0 when the table could not grow (it is then dropped).  The keys
+    // are all hashed, and their slots fetched, before the first is probed: in
+    // a large table each lookup is otherwise a cache miss of its own.  Slots
+    // stay where they are until the next call.
     struct Found {
         cfg_entry *entry;
         Slot *slot;
@@ -68,7 +62,6 @@ public:
     size_t lookup_batch(cfg_entry **list, Found *found, bool add) noexcept;
 
 private:
-    Slot *lookup(cfg_entry *e, uint32_t hash, bool add) noexcept;
     Slot *probe(const char *key, uint32_t hash) noexcept;
     bool grow() noexcept;
 
