@@ -8,12 +8,13 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
 
 #include <trel/cfg.h>
+
+#include "../ratio.h"
 
 namespace {
 
@@ -213,44 +214,11 @@ void BM_ParseBoth(benchmark::State &state) {
 }
 BENCHMARK(BM_ParseBoth)->Arg(20000)->Arg(200000)->Unit(benchmark::kMillisecond);
 
-// Collects the CPU time per iteration of every repetition of every benchmark
-// (by name with its argument) to print ratios of medians, with the ratio of
-// the fastest repetitions beside them.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    RatioReporter() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
-    void ReportRuns(const std::vector<Run> &runs) override {
-        for (const Run &r : runs) {
-            if (r.run_type != Run::RT_Iteration || r.iterations == 0 || r.error_occurred) continue;
-            std::string name = r.run_name.function_name;
-            if (!r.run_name.args.empty()) name += "/" + r.run_name.args;
-            times[name].push_back(r.cpu_accumulated_time / (double)r.iterations);
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void ratio(const std::string &num, const std::string &den, const char *target) {
-        if (!times.count(num) || !times.count(den)) return;
-        std::vector<double> &n = times[num], &d = times[den];
-        std::sort(n.begin(), n.end());
-        std::sort(d.begin(), d.end());
-        printf("%-22s / %-22s median %6.2f  fastest %6.2f  (%zu, %zu runs)%s\n", num.c_str(),
-               den.c_str(), median(n) / median(d), n.front() / d.front(), n.size(), d.size(),
-               target);
-    }
-    std::map<std::string, std::vector<double>> times;
-
-private:
-    static double median(const std::vector<double> &v) {
-        size_t m = v.size() / 2;
-        return v.size() % 2 ? v[m] : (v[m - 1] + v[m]) / 2;
-    }
-};
-
 }  // namespace
 
 int main(int argc, char **argv) {
     benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
+    trel_bench::RatioReporter reporter(false);  // CPU time
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.ratio("BM_Parse", "BM_GetlineFloor", "");
     reporter.ratio("BM_ParseAndFree", "BM_GetlineFloor", "");
