@@ -110,8 +110,7 @@ void BM_GetlineFloor(benchmark::State &state) {
 BENCHMARK(BM_GetlineFloor)->Unit(benchmark::kMicrosecond);
 
 // parse() alone; freeing the list is not timed.
-void BM_Parse(benchmark::State &state) {
-    const std::string &path = cfg_file();
+void parse_only(benchmark::State &state, const std::string &path) {
     for (auto _ : state) {
         cfg_entry *cfg = parse(path.c_str());
         benchmark::DoNotOptimize(cfg);
@@ -119,6 +118,10 @@ void BM_Parse(benchmark::State &state) {
         free_cfg(cfg);
         state.ResumeTiming();
     }
+}
+
+void BM_Parse(benchmark::State &state) {
+    parse_only(state, cfg_file());
     state.SetItemsProcessed(state.iterations() * kLines);
 }
 BENCHMARK(BM_Parse)->Unit(benchmark::kMicrosecond);
@@ -155,23 +158,15 @@ BENCHMARK(BM_GetValueEveryKey20k)->Unit(benchmark::kMillisecond);
 void BM_GetValueEveryKeySample(benchmark::State &state) { get_every_key(state, TREL_SAMPLE_CFG); }
 BENCHMARK(BM_GetValueEveryKeySample)->Unit(benchmark::kMicrosecond);
 
-// Parses the file of n keys of the given kind; freeing is not timed.
-void parse_keyed(benchmark::State &state, int kind) {
-    const std::string &path = keyed_file((int)state.range(0), kind);
-    for (auto _ : state) {
-        cfg_entry *cfg = parse(path.c_str());
-        benchmark::DoNotOptimize(cfg);
-        state.PauseTiming();
-        free_cfg(cfg);
-        state.ResumeTiming();
-    }
-}
-
 // "# misc" first, so duplicates are merged, against the same lines without
 // the marker.
-void BM_MergeParse(benchmark::State &state) { parse_keyed(state, 0); }
+void BM_MergeParse(benchmark::State &state) {
+    parse_only(state, keyed_file((int)state.range(0), 0));
+}
 BENCHMARK(BM_MergeParse)->Arg(20000)->Arg(200000)->Unit(benchmark::kMillisecond);
-void BM_PlainParse(benchmark::State &state) { parse_keyed(state, 1); }
+void BM_PlainParse(benchmark::State &state) {
+    parse_only(state, keyed_file((int)state.range(0), 1));
+}
 BENCHMARK(BM_PlainParse)->Arg(20000)->Arg(200000)->Unit(benchmark::kMillisecond);
 
 // get_cfg_diff_it of two parsed files of n keys (and freeing the result),
