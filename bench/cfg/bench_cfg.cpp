@@ -206,14 +206,14 @@ BENCHMARK(BM_ParseBoth)->Arg(20000)->Arg(200000)->Unit(benchmark::kMillisecond);
 
 int main(int argc, char **argv) {
     benchmark::Initialize(&argc, argv);
-    trel_bench::RatioReporter reporter(false);  // CPU time
+    trel_bench::RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.ratio("BM_Parse", "BM_GetlineFloor", "");
-    reporter.ratio("BM_ParseAndFree", "BM_GetlineFloor", "");
+    reporter.ratio("BM_Parse", "BM_GetlineFloor", false);
+    reporter.ratio("BM_ParseAndFree", "BM_GetlineFloor", false);
     for (const char *n : {"/20000", "/200000"}) {
-        reporter.ratio(std::string("BM_MergeParse") + n, std::string("BM_PlainParse") + n,
+        reporter.ratio(std::string("BM_MergeParse") + n, std::string("BM_PlainParse") + n, false,
                        "  target <= 3");
-        reporter.ratio(std::string("BM_Diff") + n, std::string("BM_ParseBoth") + n,
+        reporter.ratio(std::string("BM_Diff") + n, std::string("BM_ParseBoth") + n, false,
                        "  target <= 3");
     }
     for (const std::string &f : g_files) unlink(f.c_str());
