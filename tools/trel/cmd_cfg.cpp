@@ -5,6 +5,7 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <unordered_set>
 
 #include <libtrel.h>
 #include <trel/cfg.h>
@@ -146,11 +147,20 @@ int run_diff(const std::string &file_a, const std::string &file_b) {
     CfgPtr a(nullptr, free_cfg), b(nullptr, free_cfg);
     if (!load(file_a, a) || !load(file_b, b)) return 1;
     cfg_entry *d = get_cfg_diff_it(a.get(), b.get());
+    // Nodes borrow their keys.  Those of a's entries are removed keys; those
+    // of b's are added when the reverse diff lists them as missing from a,
+    // else changed.  (A lookup in a per key would make this quadratic.)
+    std::unordered_set<const char *> from_a, added;
+    for (cfg_entry *e = a.get(); e != nullptr; e = e->next) from_a.insert(e->key);
+    cfg_entry *reverse = get_cfg_diff_it(b.get(), a.get());
+    for (cfg_entry *e = reverse; e != nullptr; e = e->next)
+        if (from_a.count(e->key) == 0) added.insert(e->key);
+    free_cfg_it(reverse);
     json_t *out = json_array();
     for (cfg_entry *e = d; e != nullptr; e = e->next) {
-        const char *change = get_value(a.get(), nullptr, "%s", e->key) == nullptr   ? "added"
-                             : get_value(b.get(), nullptr, "%s", e->key) == nullptr ? "removed"
-                                                                                    : "changed";
+        const char *change = from_a.count(e->key) != 0  ? "removed"
+                             : added.count(e->key) != 0 ? "added"
+                                                        : "changed";
         if (trel_tool::options().json) {
             json_t *o = entry_json(e);
             json_object_set_new(o, "change", json_string(change));
