@@ -9,6 +9,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <jansson.h>
+
 #include "core/log.h"
 #include "core/path_root.h"
 
@@ -17,7 +19,7 @@ extern "C" const char *__progname;
 uint32_t libtrel_log_level = 4;
 int32_t libtrel_log_use_syslog = 1;
 const char *libtrel_log_level_names[8] = {"emerg", "alert", "crit ", "error",
-                                                  "warn ",  "notic", "info ",  "debug"};
+                                          "warn ", "notic", "info ", "debug"};
 
 namespace {
 
@@ -57,7 +59,8 @@ void log_v(int priority, const char *module, const char *function, const char *f
 void log_f(int priority, const char *module, const char *function, const char *format, ...) noexcept
     __attribute__((format(printf, 4, 5)));
 
-void log_f(int priority, const char *module, const char *function, const char *format, ...) noexcept {
+void log_f(int priority, const char *module, const char *function, const char *format,
+           ...) noexcept {
     va_list ap;
     va_start(ap, format);
     log_v(priority, module, function, format, ap);
@@ -66,18 +69,16 @@ void log_f(int priority, const char *module, const char *function, const char *f
 
 }  // namespace
 
-TREL_API void libtrel_log(int priority, const char *module,
-                                                        const char *function, const char *format,
-                                                        ...) noexcept {
+TREL_API void libtrel_log(int priority, const char *module, const char *function,
+                          const char *format, ...) noexcept {
     va_list ap;
     va_start(ap, format);
     log_v(priority, module, function, format, ap);
     va_end(ap);
 }
 
-TREL_API void libtrel_log_json(int priority, const char *module,
-                                                             const char *function, json_t *value,
-                                                             const char *title) noexcept {
+TREL_API void libtrel_log_json(int priority, const char *module, const char *function,
+                               json_t *value, const char *title) noexcept {
     int n = snprintf(nullptr, 0, "%s: %s[%d]: %s.%s(): JSON - %4s: ", __progname, __progname,
                      (int)getpid(), module, function, "");
     int width = kJsonLineWidth - n;
@@ -110,9 +111,8 @@ TREL_API void libtrel_log_json(int priority, const char *module,
     free(text);
 }
 
-TREL_API void libtrel_log_hex(int priority, const char *module,
-                                                            const char *function, const void *data,
-                                                            int length, const char *title) noexcept {
+TREL_API void libtrel_log_hex(int priority, const char *module, const char *function,
+                              const void *data, int length, const char *title) noexcept {
     log_f(priority, module, function, "%s - HEX(%p) len %d", title != nullptr ? title : "", data,
           length);
     const unsigned char *bytes = static_cast<const unsigned char *>(data);
