@@ -196,6 +196,7 @@ void guest_portal_set_init(guest_portal_set *set) TREL_NOEXCEPT;
 void guest_portal_set_read(guest_portal_set *set) TREL_NOEXCEPT;
 /* Appends a malloc'ed portal; the set takes it over. */
 void guest_portal_set_add(guest_portal_set *set, guest_portal *portal) TREL_NOEXCEPT;
+/* The number of portals in the set. */
 uint64_t guest_portal_set_count(const guest_portal_set *set) TREL_NOEXCEPT;
 /* Clears and frees every portal of the set; the set is empty afterwards. */
 void guest_portal_set_clear(guest_portal_set *set) TREL_NOEXCEPT;
