@@ -290,7 +290,6 @@ int get_vesk_env_limit_prod(void) TREL_NOEXCEPT;
 
 /* Each tests board_identify()'s system id against a model list of this
  * build, unless said otherwise. */
-
 uint32_t is_gen1(void) TREL_NOEXCEPT;
 uint32_t is_gen2(void) TREL_NOEXCEPT;
 uint32_t is_gen3_QV(void) TREL_NOEXCEPT;

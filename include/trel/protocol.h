@@ -39,6 +39,8 @@ struct trel_protocol_state {
     uint16_t send_seq;       /* seq stamped on outgoing datagrams */
 };
 
+/* Zeroed (sock -1) by every init and deinit; programs may read it and set
+ * send_seq.  Not locked: one thread per process. */
 extern trel_protocol_state trel_protocol_ctrl;
 
 /* The 40-byte datagram header.  On the wire every multi-byte field is
