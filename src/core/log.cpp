@@ -18,6 +18,8 @@ extern "C" const char *__progname;
 
 uint32_t libtrel_log_level = 4;
 int32_t libtrel_log_use_syslog = 1;
+// Kept: "crit ", "warn ", "info " carry a trailing blank so that every name is
+// five characters and the columns of the stream output line up.
 const char *libtrel_log_level_names[8] = {"emerg", "alert", "crit ", "error",
                                           "warn ", "notic", "info ", "debug"};
 
@@ -40,6 +42,8 @@ void log_v(int priority, const char *module, const char *function, const char *f
     FILE *kmsg = nullptr;
     if (libtrel_log_use_syslog) {
         struct stat st;
+        // Kept: looked for on every message, so that the output follows the
+        // device's logging set-up as it changes at run time.
         if (trel::path_stat("/var/log/messages", &st) == 0) {
             char message[kSyslogMessageSize];
             vsnprintf(message, sizeof message, format, ap);
@@ -47,6 +51,8 @@ void log_v(int priority, const char *module, const char *function, const char *f
                    message);
             return;
         }
+        // Kept: opened and closed for each message, so that no descriptor of
+        // ours stays open in the host process between messages.
         kmsg = fopen("/dev/kmsg", "w+e");
         if (kmsg != nullptr) stream = kmsg;
     }
