@@ -71,6 +71,7 @@ int ip_belongs_to_subnet(uint32_t ip, uint32_t net, uint32_t mask) TREL_NOEXCEPT
 #define TREL_UPLINK_ETH 3
 #define TREL_UPLINK_DOWN 4
 
+/* TREL_UPLINK_* of that line; TREL_UPLINK_NONE when missing or unknown. */
 int get_wireless_uplink_state(void) TREL_NOEXCEPT;
 /* 1 "init", 2 "down", 3 "unknown" when /var/run/system.uplink says so (out
  * untouched); otherwise 0, and out receives the first line of
@@ -196,6 +197,7 @@ void guest_portal_set_init(guest_portal_set *set) TREL_NOEXCEPT;
 void guest_portal_set_read(guest_portal_set *set) TREL_NOEXCEPT;
 /* Appends a malloc'ed portal; the set takes it over. */
 void guest_portal_set_add(guest_portal_set *set, guest_portal *portal) TREL_NOEXCEPT;
+/* The number of portals in the set. */
 uint64_t guest_portal_set_count(const guest_portal_set *set) TREL_NOEXCEPT;
 /* Clears and frees every portal of the set; the set is empty afterwards. */
 void guest_portal_set_clear(guest_portal_set *set) TREL_NOEXCEPT;

@@ -182,7 +182,9 @@ typedef struct trel_meminfo {
     uint64_t page_tables;
     uint64_t commit_limit;
     uint64_t committed_as;
-    float used_percent; /* (MemTotal - MemAvailable) * 100 / MemTotal, 0 without MemTotal */
+    /* (MemTotal - MemAvailable) * 100 / MemTotal: 0 without MemTotal, 100
+     * without MemAvailable. */
+    float used_percent;
 } trel_meminfo;
 
 /* Fills mi from /proc/meminfo: 0, or 0xFFFFFFFF when the file cannot be

@@ -41,7 +41,8 @@ int trel_json_read_array(const json_t *object, const char *key, long **values,
 int trel_json_add_long(json_t *object, const char *key, long delta) TREL_NOEXCEPT;
 int trel_json_add_i64(json_t *object, const char *key, int64_t delta) TREL_NOEXCEPT;
 /* Appends an integer to the array at key, creating it when the key is
- * missing: 0, or -1 when the new array cannot be made or set. */
+ * missing: 0, or -1 when the new array cannot be made or set.  An existing
+ * key answers 0 whatever it holds (the append is not checked). */
 int trel_json_append_array(json_t *object, const char *key, long value) TREL_NOEXCEPT;
 /* Adds a sample to the series "<prefix>Array" / "<prefix>Time" /
  * "<prefix>Interval" at qx_now: at most one per interval (10 s at first),
@@ -113,14 +114,17 @@ void dump_refcount(json_t *value) TREL_NOEXCEPT;
 
 /* Sends the array of traces in one envelope carrying the device's identity
  * to the trace service: a TREL_TRACE_* result, or -1 when traces is not an
- * array or memory ran out.  options (may be NULL) may give the envelope's
- * "timestamp", "type", "meta" (an object: filled in place with the device
- * fields) and "source".  Neither argument is released. */
+ * array or memory ran out.  The switch and the back-off are looked at before
+ * the arguments.  options (may be NULL) may give the envelope's "timestamp",
+ * "type", "meta" (an object: filled in place with the device fields) and
+ * "source".  Neither argument is released. */
 int send_traces(json_t *traces, json_t *options) TREL_NOEXCEPT;
-/* send_traces of one trace; the caller keeps its reference. */
+/* send_traces of one trace (-1 also when its array cannot be made); the
+ * caller keeps its reference. */
 int send_trace_with_meta(json_t *trace, json_t *options) TREL_NOEXCEPT;
 /* Sends one trace of the given namespace and type carrying payload (an
- * object; its reference is taken over). */
+ * object; its reference is taken over, also on failure): send_traces'
+ * result, or -1 when the trace cannot be made. */
 int send_trace_simple(const char *name_space, const char *type, json_t *payload) TREL_NOEXCEPT;
 
 /* ---- Crash reports ------------------------------------------------------------ */
@@ -133,9 +137,11 @@ int get_analytics_coredump_mode(cfg_entry *cfg) TREL_NOEXCEPT;
 /* 1 when path begins with "/etc/persistent" (a prefix test only), else 0. */
 int is_dir_in_persistent(const char *path) TREL_NOEXCEPT;
 /* Keeps payload, indented, in "/var/run/report_payload.txt" unless its text
- * is longer than 102400 bytes.  Failures are logged. */
+ * is longer than 102400 bytes.  The caller keeps payload; failures are
+ * logged. */
 void save_crash_payload(json_t *payload) TREL_NOEXCEPT;
-/* Writes text and a newline to "/var/run/report_payload_cmd.txt". */
+/* Writes text and a newline to "/var/run/report_payload_cmd.txt" (truncated
+ * first); an open failure is logged. */
 void save_crash_payload_cmd(const char *text) TREL_NOEXCEPT;
 /* Sets key to the standard output (at most 1 MiB) of the shell command: 0,
  * or -1 when it cannot be run (key then "") or the set fails.  A NULL

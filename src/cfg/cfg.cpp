@@ -228,7 +228,7 @@ TREL_API int cfg_keycmp(const char *a, const char *b) noexcept {
         }
         if (x < y) return -1;
         if (x != y) return 1;
-        // Equal: advance one character, even inside a digit run.
+        // Kept: one character on, even in a digit run; sections sort in this order.
     }
 }
 
@@ -275,8 +275,8 @@ TREL_API cfg_entry *parse_stream(FILE *stream) noexcept {
         memcpy(e->key, ks, klen);
         e->key[klen] = '\0';
 
-        // The value is the rest of the line less its last character (the
-        // newline, or the last real one on an unterminated last line).
+        // Kept: the line less its last character, nothing else trimmed, so what
+        // save_cfg wrote parses back byte for byte; an unterminated line loses one.
         size_t rlen = (size_t)(line + n - (eq + 1));
         size_t vsize = rlen > 0 ? rlen : 1;
         e->value = static_cast<char *>(malloc(vsize));

@@ -122,7 +122,7 @@ void process_cfg_section(match_cb cb, void *ctx, cfg_entry *cfg, const char *pos
     size_t plen = strlen(prefix.get());
     if (plen == 0 || prefix.get()[plen - 1] != '.')
         TREL_WARN(kModule, "deprecated prefix doesn't end with '.': '%s' => '%s'", fmt,
-                  prefix.get());
+                  prefix.get());  // Kept: warned, then used as it is by old callers
 
     for (cfg_entry *e = cfg; e != nullptr; e = e->next) {
         if (e->key == nullptr || strncmp(e->key, prefix.get(), plen) != 0) continue;
@@ -191,8 +191,8 @@ TREL_API const char *get_esc_value(cfg_entry *cfg, const char *def, const char *
     return v;
 }
 
-// The numeric getters deliberately leave errno as they find it: a range error
-// left over from an earlier call also yields the default.
+// Kept: errno is not cleared before the conversion, so a range error left by
+// an earlier call also gives the default; callers clear it when it matters.
 template <typename T, typename Wide>
 static T to_number(const char *v, T def, Wide (*convert)(const char *, char **, int),
                    int base) noexcept {

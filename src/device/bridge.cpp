@@ -119,6 +119,8 @@ void fdb_foreach_on_bridge(const char *bridge, const char *const *exclude, fdb_f
     }
     // Kept: records are taken 24 bytes at a time although the kernel writes
     // 16-byte ones; callers decode the 24-byte buffer themselves.
+    // Kept: the name passed is that of the last member listed, whichever port
+    // the record is on.
     unsigned char rec[kForeachRecord];
     while (fread(rec, 1, sizeof rec, f.get()) == sizeof rec)
         if (members.has(rec[6]) && cb != nullptr) cb(arg, rec, members.last);
@@ -203,6 +205,8 @@ TREL_API int fdb_foreach(const char *bridge, const char *const *exclude, fdb_for
                          void *arg) noexcept {
     static constexpr char kNet[] = "/sys/class/net";
     trel::UniqueDir dir(trel::path_opendir(kNet));
+    // Kept: fdb_foreach and fdb_delneigh write their errors to standard error,
+    // not to the log, where their users look for them.
     if (!dir) {
         fprintf(stderr, "%s: %s\n", kNet, strerror(errno));
         return -1;

@@ -363,6 +363,7 @@ TREL_API int get_gateway_mac(char *mac, size_t size) noexcept {
 
 TREL_API int get_mac_by_ip(const char *ip, char *mac, size_t size) noexcept {
     if (mac == nullptr) return 0;
+    // Kept: a short buffer is reported, then filled as far as it goes.
     if (size < 18) TREL_ERR(kStatus, "mac truncated");
     trel::UniqueFile f(trel::path_fopen("/proc/net/arp", "re"));
     if (!f) return 0;
@@ -401,7 +402,9 @@ TREL_API const char *get_default_gw_interface(void) noexcept {
     static char ifname[17];
     int n = popen_get_output("ip route | grep default | awk '{print $5}'", ifname, sizeof ifname);
     if (n < 0) TREL_ERR(kStatus, "get_default_gateway_interface: get default gateway failed");
-    if (n > 0) ifname[n - 1] = '\0';  // the newline
+    // Kept: the last character is cut as the newline, even when the output
+    // filled the buffer and it is none.
+    if (n > 0) ifname[n - 1] = '\0';
     if (n <= 0 || ifname[0] == '\0') strcpy(ifname, "br0");
     return ifname;
 }
@@ -413,6 +416,8 @@ TREL_API int interface_is_up(int ifindex) noexcept {
     ifinfomsg info{};
     trel::nl::Request<ifinfomsg> req(RTM_GETLINK, NLM_F_REQUEST | NLM_F_DUMP, info);
     if (!trel::nl::send_to_kernel(fd.get(), req)) return -1;
+    // Kept: 0 means up and -1 anything else, the reverse of iface_is_up;
+    // eth_discover_possible and other callers test for 0.
     return walk_dump(fd.get(), [ifindex](const trel::nl::Msg &msg) {
         ifinfomsg link;
         if (msg.hdr.nlmsg_type != RTM_NEWLINK || !trel::nl::body(msg, link)) return 0;

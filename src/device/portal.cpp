@@ -20,7 +20,8 @@ constexpr char kModule[] = "guest_portals";
 constexpr char kPortalDir[] = "/var/run/guest/portal";
 
 // Tokens are separated by newlines and commas; the end of the text counts
-// as a separator too.  A space does not.
+// as a separator too.
+// Kept: a space does not, so a token followed by a blank matches nothing.
 bool is_delimiter(char c) noexcept { return c == '\0' || c == '\n' || c == ','; }
 
 // Reads one of the portal's files into *out: its lines (pieces of at most
@@ -76,6 +77,7 @@ bool is_empty(const guest_portal_set *set) noexcept {
 
 // Walks the set from the portal added last to the one added first and
 // returns the first for which match is true.
+// Kept: so when several portals match, the one added last wins.
 template <typename Match>
 guest_portal *find_from_tail(const guest_portal_set *set, Match match) noexcept {
     if (set == nullptr || is_empty(set)) return nullptr;

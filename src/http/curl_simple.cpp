@@ -26,8 +26,8 @@ constexpr long kMaxRedirects = 10;
 constexpr size_t kErrorSize = 256;
 static_assert(kErrorSize >= CURL_ERROR_SIZE);
 
-// Keeps what fits under max_size and reports everything as taken, so a long
-// answer is cut rather than failed.
+// Kept: keeps what fits under max_size and reports everything as taken, so a
+// long answer is cut rather than failed (received still counts it all).
 size_t curl_simple_write(char *data, size_t size, size_t count, void *userdata) noexcept {
     auto *r = static_cast<curl_simple_response *>(userdata);
     size_t n = size * count;

@@ -20,7 +20,8 @@ static_assert(offsetof(url_info, addr) % alignof(struct sockaddr_in6) == 0);
 namespace {
 
 constexpr size_t kMaxUrlLength = 1024;
-constexpr unsigned kMaxPort = 65534;  // 65535 is refused on purpose
+// Kept: 65535 is refused as a port and the scheme's default stays.
+constexpr unsigned kMaxPort = 65534;
 
 struct SchemePort {
     const char *scheme;
@@ -31,6 +32,8 @@ constexpr SchemePort kSchemes[] = {
     {"http", 80}, {"https", 443}, {"stun", 3478}, {"ws", 80}, {"wss", 443},
 };
 
+// Kept: out of memory goes straight to syslog, not through libtrel_log, with
+// the fixed line tags log watchers know these failures by.
 void url_oom(const char *function, int tag) noexcept {
     syslog(LOG_ERR, "%s:%d url oom\n", function, tag);
 }
@@ -98,8 +101,8 @@ bool is_host_text(const char *begin, const char *end) noexcept {
 }
 
 // A host holding ':' must be an IPv6 literal: libcurl reads "cafe:80" or
-// "1:2" as a name and a port.  A dot-less hex name such as "cafe" still
-// counts as an address, in brackets or not, as the parser always did.
+// "1:2" as a name and a port.  (A dot-less hex name such as "cafe" holds no
+// ':' and is not checked here.)
 bool is_ipv6_literal(const char *begin, const char *end) noexcept {
     char text[INET6_ADDRSTRLEN];
     size_t n = (size_t)(end - begin);
@@ -146,7 +149,8 @@ bool split_authority(const char *a, const char *e, url_info *u, const char **hos
     }
     const char *dot = find_in(a, e, '.');
     if (dot == nullptr) {
-        // Only hexadecimal digits and colons: an IPv6 literal (cafe too).
+        // Kept: only hexadecimal digits and colons is an IPv6 literal, so a
+        // dot-less hex name such as "cafe" is taken as an address.
         u->is_ipv6 = 1;
         return true;
     }
@@ -217,7 +221,9 @@ bool parse_into(url_info *u, const char *text) noexcept {
                 if (*p >= 'A' && *p <= 'Z') *p = (char)(*p - 'A' + 'a');
         rest = colon + 3;
     } else {
-        return false;  // no scheme: a bare host:port is refused
+        // Kept: no scheme: a bare host:port is refused, never read as a
+        // scheme.
+        return false;
     }
     if (u->scheme == nullptr) {
         url_oom("url_parse", 229);
@@ -226,7 +232,7 @@ bool parse_into(url_info *u, const char *text) noexcept {
     uint16_t def = 0;
     bool known = url_scheme2port(u->scheme, &def) == 0;
     if (known) u->port = def;
-    u->is_https = strcmp(u->scheme, "https") == 0;
+    u->is_https = strcmp(u->scheme, "https") == 0;  // Kept: "wss" does not count
 
     const char *path = strpbrk(rest, "/?;");
     const char *auth_end = path != nullptr ? path : end;
@@ -336,8 +342,8 @@ TREL_API url_info *url_copy(const url_info *src) noexcept {
             return nullptr;
         }
     }
-    // The address storage is not copied: ai.ai_addr keeps pointing at the
-    // source's.
+    // Kept: the address storage is not copied, so ai.ai_addr keeps pointing at
+    // the source's: callers resolve a copy again before using its address.
     u->ai = src->ai;
     u->resolve_state = src->resolve_state;
     u->port = src->port;
@@ -382,8 +388,11 @@ TREL_API int url_resolve(url_info *url, const struct addrinfo *hints) noexcept {
         TREL_DBG("libtrel", "failed to resolve URL : %s", gai_strerror(rc));
         return rc;
     }
+    // Kept: the list is shown at level 16 exactly, not above.
     if (libtrel_log_level == 16) dump_addrinfo(list);
 
+    // Kept: the walk goes on past the first match, so the last IPv4 or IPv6
+    // entry listed is the one the record keeps.
     int result = -6;
     for (struct addrinfo *e = list; e != nullptr; e = e->ai_next) {
         if (e->ai_family != AF_INET && e->ai_family != AF_INET6) continue;

@@ -59,6 +59,8 @@ void add_conntrack_host(trel_conntrack_hosts *hosts, const char *addr, size_t le
     copy[len] = '\0';
     host->addr = copy;
     host->connections = 1;
+    // Kept: when the table cannot grow, uthash's fatal handler ends the process
+    // (exit status -1) rather than leave the counts short.
     HASH_ADD_KEYPTR(hh, hosts->hosts, host->addr, len, host);
     hosts->count++;
 }
@@ -94,7 +96,8 @@ TREL_API trel_conntrack_hosts *get_top_conntrack_hosts(void) noexcept {
     char line[kPieceSize];
     while (fgets(line, sizeof line, f.get()) != nullptr) {
         if (strncmp(line, "ipv4", 4) != 0 && strncmp(line, "ipv6", 4) != 0) continue;
-        // Only the first tuple counts: the reply tuple's keys are never reached.
+        // Kept: only the first tuple counts (the direction the connection was
+        // opened in); the reply tuple's keys are never reached.
         char *src, *dst;
         find_keys(line, &src, &dst);
         // The source is cut before the destination's end is looked for.

@@ -71,6 +71,8 @@ TREL_API uint32_t meminfo(trel_meminfo *mi) noexcept {
     while (matches < kCounterCount && fgets(piece, sizeof piece, f.get()) != nullptr) {
         char *colon = strchr(piece, ':');
         if (colon == nullptr) {
+            // Kept: the tail of a line longer than 31 characters comes as a piece
+            // of its own and is reported like this.
             TREL_ERR(kModule, "No colon found");
             continue;
         }

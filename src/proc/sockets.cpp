@@ -141,6 +141,8 @@ void add_socket(trel_socket_table *table, trel_socket_inode *s) noexcept {
         free_socket_inode(s);
         return;
     }
+    // Kept: when the table cannot grow, uthash's fatal handler ends the process
+    // (exit status -1) rather than leave a snapshot missing sockets.
     HASH_ADD_INT(table->head, inode, s);
     table->count++;
 }

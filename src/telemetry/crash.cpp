@@ -39,6 +39,7 @@ TREL_API int get_analytics_coredump_mode(cfg_entry *cfg) noexcept {
 }
 
 TREL_API int is_dir_in_persistent(const char *path) noexcept {
+    // Kept: a prefix test only, so "/etc/persistentX" counts as persistent too.
     return path != nullptr && strncmp(path, "/etc/persistent", 15) == 0;
 }
 
@@ -113,7 +114,8 @@ int post_crash(const char *url, json_t *payload, json_t **response_out) noexcept
         TREL_WARN(kCrash, "POST '%s' failed: [%d] %s", url, static_cast<int>(rc),
                   curl_easy_strerror(rc));
     } else {
-        // The copy is kept whatever the service answered.
+        // Kept: the payload is saved whatever the service answered, so that a
+        // refused report can be inspected too.
         save_crash_payload(payload);
         if (response->status != 200) {
             TREL_WARN(kCrash, "POST '%s' failed: [%ld] %s", url, response->status,

@@ -24,7 +24,8 @@ constexpr char kCrash[] = "crash";
 constexpr char kSentMarker[] = "/var/run/last-crashlog.sent";
 constexpr size_t kResponseMax = 2048;
 
-// -1 not asked yet, then 1 (an oops is pending) or 0; for the process.
+// Kept: asked once per process: -1 not asked yet, then 1 (an oops is pending)
+// or 0; only oops_clear changes it.
 int g_oops = -1;
 
 const char *dump_type_name(int dump_type) noexcept {
@@ -169,6 +170,8 @@ TREL_API int send_crash_binary_data(const char *text, int pid, int signal, int n
         add_process_stdout(p, text, pid);
     }
 
+    // Kept: with a dump the answer is asked for even when the upload is not
+    // allowed, so an answer that is no JSON fails the call all the same.
     json_t *answer = nullptr;
     int rc = post_crash(url, p, has_dump ? &answer : nullptr);
     payload.reset();

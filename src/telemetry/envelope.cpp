@@ -14,7 +14,8 @@ constexpr char kTrace[] = "trace";
 constexpr char kSystemInfo[] = "/proc/trelhal/system.info";
 constexpr char kSystemCfg[] = "/tmp/system.cfg";
 
-// "device.anonid", read once for the life of the process (empty: not yet).
+// Kept: "device.anonid" is read once for the life of the process (empty: not
+// yet); a change shows only in a new process.
 char g_device_anonid[65];
 
 void set_text(json_t *object, const char *key, const char *text) noexcept {
@@ -51,6 +52,8 @@ json_t *trace_outer_meta_object(json_t *options) noexcept {
         char text[65];
         freadvalue(kSystemCfg, "morna.version", text, 64, "unknown");
         set_text(meta, "controller.version", text);
+        // Kept: the text "true"/"false" here, a JSON boolean in crash payloads:
+        // each service gets the type it expects.
         set_text(meta, "is_default",
                  system_is_xxx("/proc/trelhal/status/IsDefault", 0) ? "true" : "false");
         freadvalue(kSystemInfo, "mfgweek", text, 8, "2005");

@@ -243,6 +243,7 @@ void send_vwire_disconnect_log(WalkContext &ctx) noexcept {
     char url[kCrashUrlSize];
     if (build_crash_report_url(url, "crash") != 0) {
         TREL_DBG2(kCrash, "URL truncated");
+        // Kept: a URL too long is reported as ENOMEM (12), as log readers know it.
         ctx.error = ENOMEM;
         return;
     }
@@ -279,6 +280,8 @@ void send_vwire_disconnect_log(WalkContext &ctx) noexcept {
     }
     trel_json_add_long(ctx.meta, "send_attempts", 1);
     if (trel_json_read_long(ctx.meta, "send_attempts", 0) > 4) {
+        // Kept: after 5 failures the archive counts as reported and is not
+        // tried again.
         json_object_set_new(ctx.meta, "sent_to_analytics", json_true());
         TREL_INFO(kCrash, "Failed to record %s log %s after %d attempts\n", ctx.kind, ctx.filename,
                   5);

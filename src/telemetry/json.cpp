@@ -104,7 +104,8 @@ TREL_API int trel_json_add_i64(json_t *object, const char *key, int64_t delta) n
 TREL_API int trel_json_append_array(json_t *object, const char *key, long value) noexcept {
     json_t *existing = json_object_get(object, key);
     if (existing != nullptr) {
-        // Kept: the append's result is not looked at, nor the value's type.
+        // Kept: neither the append's result nor the value's type is looked at:
+        // an existing key always answers 0.
         json_array_append_new(existing, json_integer(value));
         return 0;
     }
@@ -166,7 +167,8 @@ TREL_API void trel_set_ts(int64_t seconds) noexcept {
 
 TREL_API char *load_file_base64(FILE *stream) noexcept {
     if (stream == nullptr) return nullptr;
-    // Kept: the size is taken as a signed 32-bit number.
+    // Kept: the size is taken as a signed 32-bit number, so a file of 2 GiB or
+    // more does not come out whole.
     int32_t size = -1;
     if (fseek(stream, 0, SEEK_END) == 0) size = static_cast<int32_t>(ftell(stream));
     int err = errno;

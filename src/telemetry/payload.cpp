@@ -71,7 +71,8 @@ json_t *generate_common_payload(const char *crash_log_command, int with_system_c
     int rc = get_version(&version);
     if (rc != 0) TREL_WARN(kCrash, "Couldn't obtain firmware version! error code = %d", rc);
     set_text(payload, "version", version);
-    // Kept: a JSON boolean here, where traces carry the text "true"/"false".
+    // Kept: a JSON boolean here, where traces carry the text "true"/"false":
+    // each service gets the type it expects.
     json_object_set_new(payload, "is_default",
                         json_boolean(system_is_xxx("/proc/trelhal/status/IsDefault", 0)));
     json_object_set_new(payload, "uptime",

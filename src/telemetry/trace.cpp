@@ -29,7 +29,8 @@ struct SenderState {
     uint64_t backoff;       // ms; 0 = none
     uint64_t last_attempt;  // wall-clock ms of the last completed PUT
     int consecutive_failures;
-    int failure_logged;  // never cleared: the transport failure is logged once
+    // Kept: never cleared: a transport failure is logged once per process.
+    int failure_logged;
 };
 SenderState g_sender;
 
@@ -70,7 +71,8 @@ int put_trace(json_t *envelope) noexcept {
     g_sender.last_attempt = now_ms();
     int result = TREL_TRACE_FAILED;
     if (rc == CURLE_OK) {
-        // Any answer at all is a transport success.
+        // Kept: any answer at all, 202 or not, is a transport success and
+        // clears the back-off.
         g_sender.backoff = 0;
         g_sender.consecutive_failures = 0;
         if (response->status == 202)
@@ -172,8 +174,11 @@ TREL_API void dump_refcount(json_t *value) noexcept {
 }
 
 TREL_API int send_traces(json_t *traces, json_t *options) noexcept {
+    // Kept: the switch and the back-off are looked at before the arguments, so
+    // a switched-off device answers TREL_TRACE_DISABLED even to a bad call.
     if (freadlong("/var/run/system.analytics.mode", 2) == 0) return TREL_TRACE_DISABLED;
-    // Kept: one-way.  Once the back-off passed a day nothing is tried again.
+    // Kept: one-way: once the back-off passed a day nothing is tried again for
+    // the rest of the process.
     if (g_sender.backoff > kGiveUpMs) return TREL_TRACE_GAVE_UP;
     if (now_ms() < g_sender.last_attempt + g_sender.backoff) return TREL_TRACE_BACKING_OFF;
     if (!json_is_array(traces)) {
