@@ -94,7 +94,8 @@ int faddnumberat(int dirfd, const char *path, T delta) noexcept {
 
 template <typename T, typename Convert>
 T freadnumber(const char *path, T def, Convert convert) noexcept {
-    char buf[std::is_floating_point_v<T> ? 33 : 16];
+    // An empty file leaves freadline's buffer as it was: start from empty.
+    char buf[std::is_floating_point_v<T> ? 33 : 16] = "";
     freadline(path, buf, sizeof buf, "null");
     char *end;
     T v = convert(buf, &end);

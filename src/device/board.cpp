@@ -329,7 +329,7 @@ TREL_API json_t *prepare_accelerometer_status(void) noexcept {
     int value = 0;  // Kept: not reset; a failed axis repeats the previous one
     static constexpr const char *kAxes[] = {"x", "y", "z"};
     for (const char *axis : kAxes) {
-        char buf[8];
+        char buf[8] = "";  // an empty file leaves it as it was
         snprintf(path, sizeof path, "%sin_accel_%s_raw", kAccelDir, axis);
         freadline(path, buf, sizeof buf, "");
         sscanf(buf, "%d", &value);

@@ -260,7 +260,7 @@ TREL_API int ip_belongs_to_subnet(uint32_t ip, uint32_t net, uint32_t mask) noex
 // ---- Uplink ------------------------------------------------------------------------
 
 TREL_API int get_wireless_uplink_state(void) noexcept {
-    char state[16];
+    char state[16] = "";  // an empty file leaves it as it was
     freadline("/var/run/system.uplink", state, sizeof state, "");
     static constexpr const char *kStates[] = {"init", "wds", "eth", "down"};
     for (int i = 0; i < 4; i++)
@@ -269,13 +269,14 @@ TREL_API int get_wireless_uplink_state(void) noexcept {
 }
 
 TREL_API int get_uplink_device(char *out, size_t size) noexcept {
-    char state[16];
+    char state[16] = "";
     freadline("/var/run/system.uplink", state, sizeof state, "");
     if (state[0] != '\0') {
         if (strcmp(state, "init") == 0) return 1;
         if (strcmp(state, "down") == 0) return 2;
         if (strcmp(state, "unknown") == 0) return 3;
         if (out != nullptr && size > 0) {
+            out[0] = '\0';  // an empty file leaves the caller's text as it was
             freadline("/var/run/system.uplink_ifname", out, size, "");
             if (out[0] == '\0') freadline("/var/run/system.uplink_port", out, size, "");
         }

@@ -265,7 +265,7 @@ TREL_API int get_version(const char **version) noexcept {
 TREL_API int system_is_xxx(const char *path, int def) noexcept {
     if (path == nullptr || trel::path_access(path, R_OK) != 0) return def;
     if (!starts_with(path, "/proc")) return 1;
-    char buf[16];
+    char buf[16] = "";  // an empty file leaves it as it was
     freadline(path, buf, sizeof buf, def ? "true" : "false");
     return strcmp(buf, "true") == 0;
 }

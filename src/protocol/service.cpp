@@ -34,7 +34,7 @@ struct ip_mreq g_mreq;
 
 // The bridge address when the run-state file holds a usable one.
 bool read_bridge_ip(struct in_addr *out) noexcept {
-    char buf[64];
+    char buf[64] = "";  // an empty file leaves it as it was
     freadline(kBridgeIpPath, buf, sizeof buf, "0.0.0.0");
     struct in_addr a;
     if (inet_aton(buf, &a) == 0 || a.s_addr == INADDR_ANY) return false;

@@ -556,6 +556,7 @@ TEST_F(Net, UplinkFiles) {
         {"unknown\n", "wlan0\n", nullptr, TREL_UPLINK_NONE, 3, "keep", 16},
         {"wds\n", "wlan0\n", "eth1\n", TREL_UPLINK_WDS, 0, "wlan0", 16},
         {"eth\n", "\n", "eth1\n", TREL_UPLINK_ETH, 0, "eth1", 16},
+        {"eth\n", "", "eth1\n", TREL_UPLINK_ETH, 0, "eth1", 16},
         {"eth\n", nullptr, nullptr, TREL_UPLINK_ETH, 0, "", 16},
         {"bogus\n", "wlan0\n", nullptr, TREL_UPLINK_NONE, 0, "wl", 3},
     };
