@@ -27,6 +27,7 @@ using trel_test::read_file;
 using trel_test::write_file;
 
 struct Result {
+    pid_t pid = -1;
     int status = -1;
     std::string out, err;
 };
@@ -54,6 +55,7 @@ Result run(const std::vector<std::string> &argv, const std::vector<std::string> 
         _exit(127);
     }
     Result r;
+    r.pid = pid;
     int status;
     if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status))
         r.status = WEXITSTATUS(status);
@@ -301,11 +303,12 @@ TEST_F(Snapshot, CopyRules) {
     put("/mgmt.real", "inside\n");
     write_file(dir_ + "/mgmt.real", "outside\n");
     put("/proc/mtd",
-        "dev:    size   erasesize  name\nmtd2: 00010000 00001000 \"boot\"\n"
-        "mtd3: 00010000 00001000 \"eeprom\"\n");
-    put("/dev/mtd2", "boot");
-    put("/dev/mtd3", std::string(70000, 'e'));
-    put("/dev/mtd/3", "fallback");
+        "dev:    size   erasesize  name\nmtd0: 00010000 00001000 \"eeprom\"\n"
+        "mtd2: 00010000 00001000 \"EEPROM\"\n");
+    put("/dev/mtd0", std::string(70000, 'e'));
+    put("/dev/mtd/0", "fallback");
+    put("/dev/mtd2", "second");
+    put("/sys/bus/i2c/devices/1-0018/iio:device0/name", "lis3dh-accel\n");
     put("/usr/etc/syswrapper.sh", "#!/bin/sh\n", 0755);
     ASSERT_EQ(mkfifo((root + "/var/run/system.uplink").c_str(), 0644), 0);
     // /proc/self names the pid of whoever reads it: the copy keeps a directory.
@@ -375,9 +378,14 @@ TEST_F(Snapshot, CopyRules) {
          }},
         {"the EEPROM partition as the board code reads it, nothing else of /dev",
          [&] {
-             EXPECT_EQ(read_file(at("/dev/mtd3")), std::string(65536, 'e'));
-             EXPECT_EQ(read_file(at("/dev/mtd/3")), "fallback");
+             EXPECT_EQ(read_file(at("/dev/mtd0")), std::string(65536, 'e'));
+             EXPECT_EQ(read_file(at("/dev/mtd/0")), "fallback");
              EXPECT_FALSE(exists("/dev/mtd2"));
+         }},
+        {"a directory entry is made, what the table does not name is left out",
+         [&] {
+             EXPECT_TRUE(fs::is_directory(at("/sys/bus/i2c/devices/1-0018/iio:device0")));
+             EXPECT_FALSE(exists("/sys/bus/i2c/devices/1-0018/iio:device0/name"));
          }},
         {"modes are kept",
          [&] {
@@ -462,6 +470,24 @@ TEST_F(Snapshot, Destinations) {
     EXPECT_EQ(read_file(dir_ + "/full/keep"), "mine\n");
     EXPECT_EQ(fs::directory_iterator(dir_ + "/full")->path().filename(), "keep");
     EXPECT_EQ(read_file(dir_ + "/file"), "a file\n");
+}
+
+// The running system: this test's process is in the copy, the snapshot's own
+// is not, and /proc/self is a directory (its link would name the snapshot).
+TEST_F(Snapshot, LiveSystemLeavesItselfOut) {
+    std::string copy = dir_ + "/live";
+    Result r = run({TREL_TOOL_PATH, "snapshot", copy}, {"LIBTREL_ROOT="});
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::string mine = copy + "/proc/" + std::to_string(getpid());
+    EXPECT_TRUE(fs::exists(mine + "/stat"));
+    EXPECT_NE(read_file(mine + "/cmdline").find("test_snapshot"), std::string::npos);
+    EXPECT_FALSE(fs::exists(copy + "/proc/" + std::to_string(r.pid)));
+    EXPECT_FALSE(fs::exists(copy + "/proc/self/stat"));
+    if (fs::is_symlink("/proc/net")) {
+        EXPECT_TRUE(fs::is_symlink(copy + "/proc/net"));
+        EXPECT_TRUE(fs::is_directory(fs::symlink_status(copy + "/proc/self")));
+        EXPECT_TRUE(fs::exists(copy + "/proc/self/net/dev"));
+    }
 }
 
 // Hundreds of files under a descriptor limit of 24: one leaked descriptor a
