@@ -93,8 +93,16 @@ int main(int argc, char **argv) {
     app.add_flag("--syslog", syslog, "Send library messages to syslog instead of standard error");
 
     for (Setup setup : setups()) setup(app);
+    add_doc_options(app);
 
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::RuntimeError &e) {
+        return e.get_exit_code();  // a hidden option that ended the run itself
+    } catch (const CLI::ParseError &e) {
+        // --help exits 0; every parse error is bad usage.
+        return app.exit(e) == 0 ? 0 : 2;
+    }
 
     if (!g_options.root.empty()) setenv("LIBTREL_ROOT", g_options.root.c_str(), 1);
     libtrel_log_level = level;
