@@ -14,11 +14,17 @@ fail() {
   failures=$((failures + 1))
 }
 
-# Subcommand names, and option names (one a line), of `trel PATH --help`.
-# shellcheck disable=SC2086
-help_commands() { $tool $1 --help | sed -n '/^Subcommands:$/,/^$/p' | awk 'NR > 1 && NF { print $1 }'; }
-# shellcheck disable=SC2086
-help_options() { $tool $1 --help | sed -n '/^Options:$/,/^$/p' | awk '/^  -/ { print $1 }' | tr ',' '\n'; }
+# From the text of `trel PATH --help`: the subcommand names, the option
+# names (with REQUIRED, the required ones only), one a line; the arguments of
+# the usage line.
+help_commands() { sed -n '/^Subcommands:$/,/^$/p' <<<"$1" | awk 'NR > 1 && NF { print $1 }'; }
+help_options() {
+  sed -n '/^Options:$/,/^$/p' <<<"$1" | awk -v req="${2:-}" '/^  -/ && (req == "" || / REQUIRED/) { print $1 }' |
+    tr ',' '\n'
+}
+help_arguments() {
+  sed -n "s/^Usage: [^ ]* $2 *//p" <<<"$1" | sed 's/\[OPTIONS\]//; s/SUBCOMMAND//' | xargs
+}
 
 # The man page's section for PATH: from its ".SS" line to the next heading.
 man_section() {
@@ -44,25 +50,45 @@ complete_words() {
   printf '%s\n' "${COMPREPLY[@]}"
 }
 
-if [ -z "$(help_commands "")" ]; then
+unescape() { sed 's/\\-/-/g'; }
+root_help=$($tool --help)
+if [ -z "$(help_commands "$root_help")" ]; then
   fail "trel --help lists no command"
 fi
+# The page's name line (whatis) and version are the tool's.
+name=$(sed -n '/^\.SH NAME$/{n;p;}' "$man")
+[ "$name" = "trel \- $(head -n1 <<<"$root_help" | sed 's/^trel: //')" ] || fail "man page: NAME is '$name'"
+version=$($tool version | sed 's/ (.*//')
+grep -qxF ".TH TREL 1 \"\" \"$version\" \"User Commands\"" "$man" || fail "man page: .TH lacks '$version'"
+
 commands=0
 queue=("")
 while [ ${#queue[@]} -gt 0 ]; do
   path=${queue[0]}
   queue=("${queue[@]:1}")
+  # shellcheck disable=SC2086
+  help=$($tool $path --help)
   section=$(man_section "$path")
   [ -n "$section" ] || fail "man page: no section for 'trel $path'"
+  if [ -n "$path" ]; then
+    # The synopsis names the arguments the usage line names.
+    synopsis=$(head -n1 <<<"$section" | unescape | sed "s/^\.SS \"trel $path//; s/\"\$//; s/\[OPTIONS\]//; s/COMMAND\$//" | xargs)
+    [ "$synopsis" = "$(help_arguments "$help" "$path")" ] ||
+      fail "man page: 'trel $path' takes '$synopsis', the help says '$(help_arguments "$help" "$path")'"
+  fi
+  for opt in $(help_options "$help" REQUIRED); do
+    grep -A1 -F -- "\fB$(printf '%s' "$opt" | sed 's/-/\\-/g')" <<<"$section" | tail -n1 | grep -q '(required)$' ||
+      fail "man page: 'trel $path $opt' is not marked required"
+  done
   # shellcheck disable=SC2086
   words=($path)
-  for sub in $(help_commands "$path"); do
+  for sub in $(help_commands "$help"); do
     commands=$((commands + 1))
     queue+=("${path:+$path }$sub")
     complete_words "${words[@]}" "" | grep -qxF -- "$sub" ||
       fail "completion: 'trel $path <TAB>' lacks $sub"
   done
-  for opt in $(help_options "$path"); do
+  for opt in $(help_options "$help"); do
     case $opt in -h | --help) [ -n "$path" ] && continue ;; esac
     grep -qF -- "$(printf '%s' "$opt" | sed 's/-/\\-/g')" <<<"$section" ||
       fail "man page: 'trel $path' section lacks $opt"
@@ -81,6 +107,7 @@ check_completion() {
   [ "$got" = "$want" ] || fail "completion: 'trel $*<TAB>' gives '$got', not '$want'"
 }
 check_completion "int32 int32-dec int64" cfg get --type in
+check_completion "str" cfg get --type st
 check_completion "cfg" --root / --log-level 8 cf
 check_completion "encode" --json base64 en
 check_completion "--syslog" cfg get --sys
