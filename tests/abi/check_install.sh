@@ -11,7 +11,8 @@ src=$2
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 cmake --install "$build" --prefix "$tmp/prefix" >/dev/null
-libdir=$(ls -d "$tmp"/prefix/lib*/pkgconfig | head -n1 | xargs dirname)
+# lib, lib64 or a multiarch lib/<triplet>, as configured.
+libdir=$(dirname "$(dirname "$(find "$tmp/prefix" -name libtrel.pc | head -n1)")")
 
 if [ -n "${TREL_PC_LIBDIR:-}" ]; then
   export PKG_CONFIG_LIBDIR="$libdir/pkgconfig:$TREL_PC_LIBDIR"
