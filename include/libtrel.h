@@ -9,6 +9,9 @@
 #include <trel/protocol.h>
 #include <trel/ipc.h>
 #include <trel/http.h>
+#include <trel/telemetry.h>
+#include <trel/proc.h>
 #include <trel/device.h>
+#include <trel/net.h>
 
 #endif

@@ -1,6 +1,9 @@
 // Parsing a generated 20,000-line configuration against a bare getline loop
-// over the same file (the floor), and the cost of get_value per key.
+// over the same file (the floor), the cost of get_value per key, and, at 20k
+// and 200k keys, the duplicate merge of a "# misc" file against a plain parse
+// of the same lines and the diff of two files against parsing both.
 #include <benchmark/benchmark.h>
+#include <ctype.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -10,6 +13,8 @@
 #include <vector>
 
 #include <trel/cfg.h>
+
+#include "../ratio.h"
 
 namespace {
 
@@ -36,16 +41,56 @@ std::string generate() {
     return text;
 }
 
+std::vector<std::string> g_files;  // removed at exit
+
+std::string write_temp(const std::string &text) {
+    char tmpl[] = "/tmp/bench_cfg.XXXXXX";
+    int fd = mkstemp(tmpl);
+    if (fd < 0 || write(fd, text.data(), text.size()) != (ssize_t)text.size()) abort();
+    close(fd);
+    g_files.push_back(tmpl);
+    return tmpl;
+}
+
 const std::string &cfg_file() {
-    static std::string path = [] {
-        char tmpl[] = "/tmp/bench_cfg.XXXXXX";
-        int fd = mkstemp(tmpl);
-        std::string text = generate();
-        if (fd < 0 || write(fd, text.data(), text.size()) != (ssize_t)text.size()) abort();
-        close(fd);
-        return std::string(tmpl);
-    }();
+    static std::string path = write_temp(generate());
     return path;
+}
+
+// n device-shaped lines "wireless.<s>.<field>=<value>".  Every 16th line
+// repeats the key of a line about a thousand lines earlier, spelt in upper
+// case, with a new value (a duplicate for the merge); variant changes every
+// 7th value, drops every 50th line and renames every 97th key, so two
+// variants differ in about a sixth of their keys.
+std::string device_lines(int n, int variant) {
+    static const char *fields[] = {"status", "devname", "ssid",    "vlanid",  "security",
+                                   "psk",    "ip",      "comment", "channel", "txpower"};
+    std::vector<std::string> keys;
+    std::string text;
+    for (int i = 0; i < n; ++i) {
+        std::string key = "wireless." + std::to_string(i / 10 + 1) + "." + fields[i % 10];
+        if (i % 16 == 15 && i > 1000) {
+            key = keys[(size_t)(i - 1000 - i % 7)];
+            for (char &c : key) c = (char)toupper((unsigned char)c);
+        }
+        keys.push_back(key);
+        if (variant != 0 && i % 50 == 49) continue;
+        if (variant != 0 && i % 97 == 96) key += ".new";
+        int value = i % 1000 + (variant != 0 && i % 7 == 0 ? variant : 0);
+        text += key + "=v" + std::to_string(value) + "\n";
+    }
+    return text;
+}
+
+// Files of n keys by variant: 0 "# misc" then variant 0, 1 a comment of the
+// same length then variant 0 (a plain parse of the same lines), 2 plain
+// variant 1.
+const std::string &keyed_file(int n, int kind) {
+    static std::map<std::pair<int, int>, std::string> files;
+    auto it = files.find({n, kind});
+    if (it != files.end()) return it->second;
+    std::string text = (kind == 0 ? "# misc\n" : "# mist\n") + device_lines(n, kind == 2);
+    return files[{n, kind}] = write_temp(text);
 }
 
 void BM_GetlineFloor(benchmark::State &state) {
@@ -65,8 +110,7 @@ void BM_GetlineFloor(benchmark::State &state) {
 BENCHMARK(BM_GetlineFloor)->Unit(benchmark::kMicrosecond);
 
 // parse() alone; freeing the list is not timed.
-void BM_Parse(benchmark::State &state) {
-    const std::string &path = cfg_file();
+void parse_only(benchmark::State &state, const std::string &path) {
     for (auto _ : state) {
         cfg_entry *cfg = parse(path.c_str());
         benchmark::DoNotOptimize(cfg);
@@ -74,6 +118,10 @@ void BM_Parse(benchmark::State &state) {
         free_cfg(cfg);
         state.ResumeTiming();
     }
+}
+
+void BM_Parse(benchmark::State &state) {
+    parse_only(state, cfg_file());
     state.SetItemsProcessed(state.iterations() * kLines);
 }
 BENCHMARK(BM_Parse)->Unit(benchmark::kMicrosecond);
@@ -110,36 +158,65 @@ BENCHMARK(BM_GetValueEveryKey20k)->Unit(benchmark::kMillisecond);
 void BM_GetValueEveryKeySample(benchmark::State &state) { get_every_key(state, TREL_SAMPLE_CFG); }
 BENCHMARK(BM_GetValueEveryKeySample)->Unit(benchmark::kMicrosecond);
 
-// Keeps the fastest CPU time per iteration of every benchmark (over
-// --benchmark_repetitions) to print the parse/floor ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override {
-        for (const Run &r : runs) {
-            if (r.run_type != Run::RT_Iteration || r.iterations == 0) continue;
-            double t = r.cpu_accumulated_time / (double)r.iterations;
-            std::string name = r.run_name.function_name;
-            if (!times.count(name) || t < times[name]) times[name] = t;
-        }
-        ConsoleReporter::ReportRuns(runs);
+// "# misc" first, so duplicates are merged, against the same lines without
+// the marker.
+void BM_MergeParse(benchmark::State &state) {
+    parse_only(state, keyed_file((int)state.range(0), 0));
+}
+BENCHMARK(BM_MergeParse)->Arg(20000)->Arg(200000)->Unit(benchmark::kMillisecond);
+void BM_PlainParse(benchmark::State &state) {
+    parse_only(state, keyed_file((int)state.range(0), 1));
+}
+BENCHMARK(BM_PlainParse)->Arg(20000)->Arg(200000)->Unit(benchmark::kMillisecond);
+
+// get_cfg_diff_it of two parsed files of n keys (and freeing the result),
+// against parsing both files.
+void BM_Diff(benchmark::State &state) {
+    cfg_entry *a = parse(keyed_file((int)state.range(0), 1).c_str());
+    cfg_entry *b = parse(keyed_file((int)state.range(0), 2).c_str());
+    size_t changes = 0;
+    for (auto _ : state) {
+        cfg_entry *d = get_cfg_diff_it(a, b);
+        changes = get_cfg_count(d);
+        free_cfg_it(d);
     }
-    std::map<std::string, double> times;
-};
+    state.counters["changes"] = (double)changes;
+    free_cfg(a);
+    free_cfg(b);
+}
+BENCHMARK(BM_Diff)->Arg(20000)->Arg(200000)->Unit(benchmark::kMillisecond);
+
+void BM_ParseBoth(benchmark::State &state) {
+    const std::string &pa = keyed_file((int)state.range(0), 1);
+    const std::string &pb = keyed_file((int)state.range(0), 2);
+    for (auto _ : state) {
+        cfg_entry *a = parse(pa.c_str());
+        cfg_entry *b = parse(pb.c_str());
+        benchmark::DoNotOptimize(a);
+        benchmark::DoNotOptimize(b);
+        state.PauseTiming();
+        free_cfg(a);
+        free_cfg(b);
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(BM_ParseBoth)->Arg(20000)->Arg(200000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
 int main(int argc, char **argv) {
     benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
+    trel_bench::RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    auto &t = reporter.times;
-    double floor = t.count("BM_GetlineFloor") ? t["BM_GetlineFloor"] : 0;
-    if (floor > 0) {
-        for (const char *name : {"BM_Parse", "BM_ParseAndFree"})
-            if (t.count(name))
-                printf("%s / BM_GetlineFloor (best CPU time) = %.2f\n", name, t[name] / floor);
+    reporter.ratio("BM_Parse", "BM_GetlineFloor", false);
+    reporter.ratio("BM_ParseAndFree", "BM_GetlineFloor", false);
+    for (const char *n : {"/20000", "/200000"}) {
+        reporter.ratio(std::string("BM_MergeParse") + n, std::string("BM_PlainParse") + n, false,
+                       "  target <= 3");
+        reporter.ratio(std::string("BM_Diff") + n, std::string("BM_ParseBoth") + n, false,
+                       "  target <= 3");
     }
-    unlink(cfg_file().c_str());
+    for (const std::string &f : g_files) unlink(f.c_str());
     benchmark::Shutdown();
     return 0;
 }

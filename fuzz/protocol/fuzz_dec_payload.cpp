@@ -1,6 +1,7 @@
 // dec_payload on anything a LAN peer can send.  An odd first byte turns the
 // rest into the plaintext of a correctly encrypted and checksummed datagram,
-// so the unpadding rules are reached with arbitrary padding bytes.
+// so the unpadding rules are reached with arbitrary padding bytes.  Nothing
+// is accepted whose body was not a whole number of cipher blocks.
 #include <stdlib.h>
 #include <string.h>
 
@@ -22,11 +23,14 @@ const trel_protocol_state kCtrl = {1,
                                    0};
 
 void check(uint8_t *d, int32_t n) {
+    // Only whole cipher blocks can have been decrypted under the key.
+    unsigned sent = n >= 40 ? (unsigned)(d[6] << 8 | d[7]) : 0;
     int rc = dec_payload(n, d, &kCtrl);
     if (rc == 0) {
         trel_protocol_hdr h;
         memcpy(&h, d, sizeof h);
         if (n < 40 || h.length > n - 40 || h.magic != 0x22334455 || h.version < 2) abort();
+        if (sent == 0 || sent % 16 != 0) abort();
     } else if (rc != 1 && rc != 2) {
         abort();
     }

@@ -7,14 +7,19 @@
  * built with hidden visibility for all else. */
 #ifdef __cplusplus
 #define TREL_NOEXCEPT noexcept
-#define TREL_BEGIN_DECLS extern "C" { _Pragma("GCC visibility push(default)")
-#define TREL_END_DECLS _Pragma("GCC visibility pop") }
+#define TREL_BEGIN_DECLS \
+    extern "C" {         \
+    _Pragma("GCC visibility push(default)")
+#define TREL_END_DECLS            \
+    _Pragma("GCC visibility pop") \
+    }
 #else
 #define TREL_NOEXCEPT
 #define TREL_BEGIN_DECLS _Pragma("GCC visibility push(default)")
 #define TREL_END_DECLS _Pragma("GCC visibility pop")
 #endif
 
+/* Lets the compiler check printf-style arguments. */
 #define TREL_PRINTF(fmt, args) __attribute__((format(printf, fmt, args)))
 
 #endif

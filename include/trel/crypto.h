@@ -20,25 +20,33 @@ struct rijndael_context {
     uint32_t dec_schedule[60];
 };
 
-/* Return the number of rounds (10, 12, 14), 0 for an unsupported key size. */
+/* Build the encryption (decryption) round keys of a 128, 192 or 256-bit key
+ * into rk: the number of rounds (10, 12, 14), 0 for another key size or a
+ * null argument. */
 int rijndaelKeySetupEnc(uint32_t rk[60], const uint8_t *key, int keybits) TREL_NOEXCEPT;
 int rijndaelKeySetupDec(uint32_t rk[60], const uint8_t *key, int keybits) TREL_NOEXCEPT;
+/* Encrypts one block with round keys from rijndaelKeySetupEnc; in and out
+ * may be the same.  Nothing for a null argument or rounds outside 1..14. */
 void rijndaelEncrypt(const uint32_t rk[], int rounds, const uint8_t in[16],
                      uint8_t out[16]) TREL_NOEXCEPT;
 
-/* 0 on success, -1 for an unsupported key size. */
+/* Fill ctx with the encryption schedule only, or with both: 0, or -1 for an
+ * unsupported key size or a null argument. */
 int rijndael_set_key_enc_only(rijndael_context *ctx, const uint8_t *key, int keybits) TREL_NOEXCEPT;
 int rijndael_set_key(rijndael_context *ctx, const uint8_t *key, int keybits) TREL_NOEXCEPT;
-/* One block; src and dst may be the same buffer. */
+/* One block; src and dst may be the same buffer.  Decryption needs a context
+ * from rijndael_set_key.  Nothing for a null argument. */
 void rijndael_encrypt(const rijndael_context *ctx, const uint8_t src[16],
                       uint8_t dst[16]) TREL_NOEXCEPT;
 void rijndael_decrypt(const rijndael_context *ctx, const uint8_t src[16],
                       uint8_t dst[16]) TREL_NOEXCEPT;
 
-/* Random IV bytes; the result of gen_rand_bytes. */
+/* len random IV bytes: gen_rand_bytes and its result (rand()-based, not a
+ * cryptographic source). */
 int aes_cbc_generate_iv(uint8_t *iv, size_t len) TREL_NOEXCEPT;
-/* AES-128-CBC in place, no padding; iv is not modified.  -1 when len is not a
- * multiple of 16 (decryption also refuses 0). */
+/* AES-128-CBC in place, no padding; iv is not modified.  0, or -1 when len is
+ * not a multiple of 16 (decryption also refuses 0) or an argument is null;
+ * refused data is left as it was. */
 int aes_cbc_encrypt_128(const uint8_t key[16], const uint8_t iv[16], uint8_t *data,
                         size_t len) TREL_NOEXCEPT;
 int aes_cbc_decrypt_128(const uint8_t key[16], const uint8_t iv[16], uint8_t *data,
@@ -56,6 +64,9 @@ struct sha256_context {
     uint32_t h[8];
 };
 
+/* Incremental digest in a caller's context: init, any number of updates,
+ * final (digest big-endian); sha256 does all three.  No result; a null
+ * context, or null data with a non-zero len, does nothing. */
 void sha256_init(sha256_context *ctx) TREL_NOEXCEPT;
 void sha256_update(sha256_context *ctx, const uint8_t *data, uint32_t len) TREL_NOEXCEPT;
 void sha256_final(sha256_context *ctx, uint8_t digest[32]) TREL_NOEXCEPT;
@@ -70,11 +81,14 @@ int base64url_encode_len(int32_t len) TREL_NOEXCEPT;
 int base64_decode_len(const char *encoded) TREL_NOEXCEPT;
 int base64url_decode_len(const char *encoded) TREL_NOEXCEPT;
 
-/* Standard alphabet with '=' padding / URL-safe alphabet without padding;
- * the output is NUL-terminated and the result carries no meaning. */
+/* Standard alphabet with '=' padding / URL-safe alphabet without padding
+ * into out, which holds base64_encode_len(len) bytes; the output is
+ * NUL-terminated and the result carries no meaning. */
 int base64rfc_encode(char *out, const uint8_t *in, int32_t len) TREL_NOEXCEPT;
 int base64url_encode(char *out, const uint8_t *in, int32_t len) TREL_NOEXCEPT;
-/* Both accept either alphabet and stop at the first foreign byte ('=' too). */
+/* Into out, which holds base64_decode_len(encoded) bytes, NUL-terminated.
+ * Both accept either alphabet and stop at the first foreign byte ('=' too).
+ * Nothing for a null out. */
 void base64_decode(uint8_t *out, const char *encoded) TREL_NOEXCEPT;
 void base64url_decode(uint8_t *out, const char *encoded) TREL_NOEXCEPT;
 

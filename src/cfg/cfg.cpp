@@ -42,6 +42,19 @@ private:
     const unsigned char *run_end_ = nullptr;
 };
 
+// 10^k modulo 2^32 for k < 32.
+struct Pow10 {
+    uint32_t v[32];
+    constexpr Pow10() : v() {
+        uint32_t p = 1;
+        for (uint32_t &x : v) x = p, p *= 10u;
+    }
+};
+constexpr Pow10 kPow10;
+
+// 10^k modulo 2^32: 0 from k = 32 on, as 2^32 divides 10^32.
+inline uint32_t pow10_mod32(size_t k) noexcept { return k < 32 ? kPow10.v[k] : 0u; }
+
 void free_entry(cfg_entry *e) noexcept {
     if (e->esc != e->value) free(e->esc);
     free(e->key);
@@ -53,7 +66,147 @@ bool needs_escape(char c) noexcept {
     return c == '`' || c == '\\' || c == '"' || c == '\'' || c == '$';
 }
 
+// Merges the entries after settled (all of them when it is null) into the
+// list before them, in order: an entry with the key of an earlier one gives
+// that one its value and goes.  Keeps tail and settled (the last entry
+// merged) up to date.  Through the index of the settled keys while it is
+// usable, else by walks from the head.
+void merge_pending(trel::cfg::KeyIndex &index, cfg_entry *head, cfg_entry *&tail,
+                   cfg_entry *&settled) noexcept {
+    // first: the first entry of the list with e's key, possibly e itself.
+    auto settle = [&](cfg_entry *e, cfg_entry *first) {
+        if (first == e) {
+            settled = e;
+            return;
+        }
+        if (first->esc != first->value) free(first->esc);
+        first->esc = nullptr;
+        free(first->value);
+        first->value = e->value;
+        e->value = nullptr;
+        settled->next = e->next;  // first comes before e, so settled is set
+        if (tail == e) tail = settled;
+        free_entry(e);
+    };
+    trel::cfg::KeyIndex::Found found[trel::cfg::KeyIndex::kBatch];
+    for (cfg_entry *next = settled != nullptr ? settled->next : head; next != nullptr;) {
+        size_t n = index.lookup_batch(&next, found, true);
+        if (n == 0) break;
+        for (size_t i = 0; i < n; ++i) settle(found[i].entry, found[i].slot->entry);
+    }
+    for (cfg_entry *e = settled != nullptr ? settled->next : head; e != nullptr;) {
+        cfg_entry *next = e->next;
+        settle(e, trel::cfg::find(head, e->key));
+        e = next;
+    }
+}
+
 }  // namespace
+
+namespace trel::cfg {
+
+// A hash of the weights cfg_keycmp compares, position by position.  Keys it
+// finds equal have the same length and the same weight at every position
+// (a digit's may even equal a letter's, when the run's value wraps to
+// 2^32 - 256 + the letter), so they hash alike.  Linear in the key: the
+// value of a digit run is computed once, and each next position's follows by
+// taking the leading digit off.
+uint32_t key_hash(const char *key) noexcept {
+    if (key == nullptr) return 0;
+    uint64_t h = 0xcbf29ce484222325u;
+    auto mix = [&h](uint32_t weight) { h = (h ^ weight) * 0x100000001b3u; };
+    auto *p = reinterpret_cast<const unsigned char *>(key);
+    while (*p != '\0') {
+        if (!is_digit(*p)) {
+            mix(lower(*p++));
+            continue;
+        }
+        const unsigned char *end = p;
+        uint32_t v = 0;
+        while (is_digit(*end)) v = v * 10u + (uint32_t)(*end++ - '0');
+        for (; p < end; ++p) {
+            mix(256u + v);
+            v -= (uint32_t)(*p - '0') * pow10_mod32((size_t)(end - p - 1));
+        }
+    }
+    h ^= h >> 33;
+    h *= 0xff51afd7ed558ccdu;
+    h ^= h >> 33;
+    h *= 0xc4ceb9fe1a85ec53u;
+    h ^= h >> 33;
+    return (uint32_t)h;
+}
+
+KeyIndex::~KeyIndex() { free(slots_); }
+
+bool KeyIndex::build(cfg_entry *list) noexcept {
+    free(slots_);
+    slots_ = nullptr;
+    count_ = 0;
+    size_t n = 0, capacity = 16;
+    for (cfg_entry *e = list; e != nullptr; e = e->next) ++n;
+    while (capacity / 2 < n + kBatch) capacity *= 2;
+    slots_ = static_cast<Slot *>(calloc(capacity, sizeof(Slot)));
+    if (slots_ == nullptr) return false;
+    mask_ = capacity - 1;
+    Found found[kBatch];
+    while (list != nullptr && lookup_batch(&list, found, true) > 0) continue;
+    return usable();
+}
+
+size_t KeyIndex::lookup_batch(cfg_entry **list, Found *found, bool add) noexcept {
+    if (slots_ == nullptr) return 0;
+    // Room for the whole batch first, so that no slot moves while it runs.
+    while (add && (count_ + kBatch) * 2 > mask_ + 1)
+        if (!grow()) return 0;
+    uint32_t hash[kBatch];
+    size_t n = 0;
+    for (cfg_entry *e = *list; e != nullptr && n < kBatch; e = e->next, ++n) {
+        found[n].entry = e;
+        hash[n] = key_hash(e->key);
+        __builtin_prefetch(&slots_[hash[n] & mask_]);
+    }
+    for (size_t i = 0; i < n; ++i) {
+        Slot *s = probe(found[i].entry->key, hash[i]);
+        if (s->entry == nullptr && add) {
+            *s = Slot{found[i].entry, hash[i], 0};
+            ++count_;
+        }
+        found[i].slot = s->entry != nullptr ? s : nullptr;
+    }
+    if (n > 0) *list = found[n - 1].entry->next;
+    return n;
+}
+
+KeyIndex::Slot *KeyIndex::probe(const char *key, uint32_t hash) noexcept {
+    for (size_t i = hash & mask_;; i = (i + 1) & mask_) {
+        Slot *s = &slots_[i];
+        if (s->entry == nullptr || (s->hash == hash && cfg_keycmp(s->entry->key, key) == 0))
+            return s;
+    }
+}
+
+bool KeyIndex::grow() noexcept {
+    size_t capacity = (mask_ + 1) * 2;
+    auto *slots = static_cast<Slot *>(calloc(capacity, sizeof(Slot)));
+    if (slots == nullptr) {
+        free(slots_);
+        slots_ = nullptr;
+        return false;
+    }
+    for (size_t i = 0; i <= mask_; ++i) {
+        if (slots_[i].entry == nullptr) continue;
+        size_t j = slots_[i].hash & (capacity - 1);
+        while (slots[j].entry != nullptr) j = (j + 1) & (capacity - 1);
+        slots[j] = slots_[i];
+    }
+    free(slots_);
+    slots_ = slots;
+    mask_ = capacity - 1;
+    return true;
+}
+
+}  // namespace trel::cfg
 
 TREL_API int cfg_keycmp(const char *a, const char *b) noexcept {
     if (a == b) return 0;
@@ -75,7 +228,7 @@ TREL_API int cfg_keycmp(const char *a, const char *b) noexcept {
         }
         if (x < y) return -1;
         if (x != y) return 1;
-        // Equal: advance one character, even inside a digit run.
+        // Kept: one character on, even in a digit run; sections sort in this order.
     }
 }
 
@@ -83,12 +236,21 @@ TREL_API cfg_entry *parse_stream(FILE *stream) noexcept {
     if (stream == nullptr) return nullptr;
     cfg_entry *head = nullptr, *tail = nullptr;
     bool merge = false;
+    // From the "# misc" line on, new entries wait after settled until a batch
+    // of them is merged.
+    trel::cfg::KeyIndex index;
+    cfg_entry *settled = nullptr;
+    size_t pending = 0;
     char *line = nullptr;
     size_t cap = 0;
     ssize_t n;
     while ((n = getline(&line, &cap, stream)) != -1) {
         if (line[0] == '#') {
-            if (strncmp(line, "# misc", 6) == 0) merge = true;
+            if (!merge && strncmp(line, "# misc", 6) == 0) {
+                merge = true;
+                index.build(head);
+                settled = tail;
+            }
             continue;
         }
         if (line[0] == '\n' || line[0] == '\r') continue;
@@ -113,8 +275,8 @@ TREL_API cfg_entry *parse_stream(FILE *stream) noexcept {
         memcpy(e->key, ks, klen);
         e->key[klen] = '\0';
 
-        // The value is the rest of the line less its last character (the
-        // newline, or the last real one on an unterminated last line).
+        // Kept: the line less its last character, nothing else trimmed, so what
+        // save_cfg wrote parses back byte for byte; an unterminated line loses one.
         size_t rlen = (size_t)(line + n - (eq + 1));
         size_t vsize = rlen > 0 ? rlen : 1;
         e->value = static_cast<char *>(malloc(vsize));
@@ -126,24 +288,17 @@ TREL_API cfg_entry *parse_stream(FILE *stream) noexcept {
         if (rlen > 0) memcpy(e->value, eq + 1, rlen - 1);
         e->value[vsize - 1] = '\0';
 
-        if (merge) {
-            cfg_entry *old = trel::cfg::find(head, e->key);
-            if (old != nullptr) {
-                if (old->esc != old->value) free(old->esc);
-                old->esc = nullptr;
-                free(old->value);
-                old->value = e->value;
-                e->value = nullptr;
-                free_entry(e);
-                continue;
-            }
-        }
         if (tail != nullptr)
             tail->next = e;
         else
             head = e;
         tail = e;
+        if (merge && ++pending == trel::cfg::KeyIndex::kBatch) {
+            merge_pending(index, head, tail, settled);
+            pending = 0;
+        }
     }
+    if (merge) merge_pending(index, head, tail, settled);
     free(line);
     return head;
 }

@@ -122,7 +122,7 @@ void process_cfg_section(match_cb cb, void *ctx, cfg_entry *cfg, const char *pos
     size_t plen = strlen(prefix.get());
     if (plen == 0 || prefix.get()[plen - 1] != '.')
         TREL_WARN(kModule, "deprecated prefix doesn't end with '.': '%s' => '%s'", fmt,
-                  prefix.get());
+                  prefix.get());  // Kept: warned, then used as it is by old callers
 
     for (cfg_entry *e = cfg; e != nullptr; e = e->next) {
         if (e->key == nullptr || strncmp(e->key, prefix.get(), plen) != 0) continue;
@@ -191,8 +191,8 @@ TREL_API const char *get_esc_value(cfg_entry *cfg, const char *def, const char *
     return v;
 }
 
-// The numeric getters deliberately leave errno as they find it: a range error
-// left over from an earlier call also yields the default.
+// Kept: errno is not cleared before the conversion, so a range error left by
+// an earlier call also gives the default; callers clear it when it matters.
 template <typename T, typename Wide>
 static T to_number(const char *v, T def, Wide (*convert)(const char *, char **, int),
                    int base) noexcept {
@@ -329,6 +329,10 @@ TREL_API void free_cfg_it(cfg_entry *it) noexcept {
     }
 }
 
+// With an index of a's keys, each lookup costs the length of the key instead
+// of a walk of the other list.  The pass over b marks the slot of every key of
+// a that b has too, which answers the pass over a.  Without memory for the
+// index the lists are walked.
 TREL_API cfg_entry *get_cfg_diff_it(cfg_entry *a, cfg_entry *b) noexcept {
     cfg_entry *head = nullptr, *tail = nullptr;
     auto add = [&](cfg_entry *from) {
@@ -343,15 +347,39 @@ TREL_API cfg_entry *get_cfg_diff_it(cfg_entry *a, cfg_entry *b) noexcept {
         tail = node;
         return true;
     };
-    for (cfg_entry *e = b; e != nullptr; e = e->next) {
-        if (is_comment_key(e->key)) continue;
-        cfg_entry *old = trel::cfg::find(a, e->key);
-        if (old != nullptr && strcmp(old->value, e->value) == 0) continue;
-        if (!add(e)) TREL_ERR_CALLOC(kModule, 1, sizeof(cfg_entry));
+    using trel::cfg::KeyIndex;
+    KeyIndex index;
+    const bool indexed = index.build(a);
+    KeyIndex::Found found[KeyIndex::kBatch];
+    // The next entries of a list, with their slots; one at a time and
+    // without slots when there is no index.
+    auto next_batch = [&](cfg_entry **next) -> size_t {
+        if (indexed) return index.lookup_batch(next, found, false);
+        found[0] = {*next, nullptr};
+        *next = (*next)->next;
+        return 1;
+    };
+    for (cfg_entry *next = b; next != nullptr;) {
+        for (size_t i = 0, n = next_batch(&next); i < n; ++i) {
+            cfg_entry *e = found[i].entry, *old = nullptr;
+            if (!indexed) {
+                old = trel::cfg::find(a, e->key);
+            } else if (found[i].slot != nullptr) {
+                found[i].slot->mark = 1;  // a's key is in b too
+                old = found[i].slot->entry;
+            }
+            if (is_comment_key(e->key)) continue;
+            if (old != nullptr && strcmp(old->value, e->value) == 0) continue;
+            if (!add(e)) TREL_ERR_CALLOC(kModule, 1, sizeof(cfg_entry));
+        }
     }
-    for (cfg_entry *e = a; e != nullptr; e = e->next) {
-        if (is_comment_key(e->key) || trel::cfg::find(b, e->key) != nullptr) continue;
-        if (!add(e)) TREL_ERR_CALLOC(kModule, 1, sizeof(cfg_entry));
+    for (cfg_entry *next = a; next != nullptr;) {
+        for (size_t i = 0, n = next_batch(&next); i < n; ++i) {
+            cfg_entry *e = found[i].entry;
+            if (is_comment_key(e->key)) continue;
+            bool in_b = indexed ? found[i].slot->mark != 0 : trel::cfg::find(b, e->key) != nullptr;
+            if (!in_b && !add(e)) TREL_ERR_CALLOC(kModule, 1, sizeof(cfg_entry));
+        }
     }
     return head;
 }

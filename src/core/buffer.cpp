@@ -96,7 +96,8 @@ void *buffer_op_data(buffer *buf) noexcept { return buf->state->data + buf->stat
 
 buffer *make_buffer(size_t capacity) noexcept;
 
-// Copies the first len bytes of storage, counted from its start.
+// Kept: copies the first len bytes of storage counted from its start, not from
+// the read position, so a clone is exact only for a buffer never read from.
 buffer *buffer_op_clone(buffer *buf) noexcept {
     buffer_state *s = buf->state;
     if (s->len == 0) return buffer_create();
@@ -152,9 +153,9 @@ void *buffer_op_alloc_zero(buffer *buf, size_t n) noexcept {
 }
 
 constexpr buffer kOperations = {
-    nullptr,         buffer_op_init,  buffer_op_length,  buffer_op_capacity, buffer_op_append,
-    buffer_op_printf, buffer_op_read, buffer_op_data,    buffer_op_clone,    buffer_reset,
-    buffer_op_rewind, buffer_op_destroy, buffer_op_send, buffer_op_alloc_zero,
+    nullptr,          buffer_op_init,    buffer_op_length, buffer_op_capacity,   buffer_op_append,
+    buffer_op_printf, buffer_op_read,    buffer_op_data,   buffer_op_clone,      buffer_reset,
+    buffer_op_rewind, buffer_op_destroy, buffer_op_send,   buffer_op_alloc_zero,
 };
 
 buffer *make_buffer(size_t capacity) noexcept {

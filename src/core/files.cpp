@@ -20,9 +20,11 @@ using trel::copy_text;
 namespace {
 
 constexpr char kUtil[] = "libtrel_util";
+// Kept: a BEL ends a line as a newline or a carriage return does; values are
+// compared as cut here.
 constexpr char kLineCut[] = "\n\r\a";
-constexpr int kLineMax = 255;       // fgets buffer of the line scanners
-constexpr size_t kNumberMax = 15;   // characters read by the *at number readers
+constexpr int kLineMax = 255;      // fgets buffer of the line scanners
+constexpr size_t kNumberMax = 15;  // characters read by the *at number readers
 constexpr size_t kPathMax = 4096;
 
 // The default-value fallback shared by the line readers.
@@ -59,6 +61,8 @@ bool read_number_at(int fd, T *out) noexcept {
     buf[n] = '\0';
     char *end;
     T v;
+    // Kept: base 0 here ("0x10" reads 16) but base 10 in the path-based
+    // readers ("0x10" reads 0); the callers of each count on their base.
     if constexpr (std::is_same_v<T, long>)
         v = strtol(buf, &end, 0);
     else
@@ -112,6 +116,8 @@ TREL_API int fsreadline(const char *path, char *buf, size_t size) noexcept {
     if (path == nullptr || buf == nullptr || size == 0) return -EINVAL;
     trel::UniqueFile f(trel::path_fopen(path, "re"));
     if (!f) return -errno;
+    // Kept: an empty file gives minus errno as it stood, so 0 with buf untouched
+    // when the caller cleared errno: callers clear it and read that as "".
     if (fgets(buf, (int)(size > INT32_MAX ? INT32_MAX : size), f.get()) == nullptr) return -errno;
     buf[strcspn(buf, kLineCut)] = '\0';
     return 0;
@@ -224,6 +230,8 @@ TREL_API int comment_out_lines(FILE *stream, char *patterns) noexcept {
             }
             if (strstr(line, pattern) == nullptr) continue;
             fseek(stream, -(long)len, SEEK_CUR);
+            // Kept: the first character is replaced, not preceded, so the file
+            // keeps its length and is edited in place.
             fputc('#', stream);
             fseek(stream, (long)len - 1, SEEK_CUR);
         }

@@ -9,6 +9,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <jansson.h>
+
 #include "core/log.h"
 #include "core/path_root.h"
 
@@ -16,8 +18,10 @@ extern "C" const char *__progname;
 
 uint32_t libtrel_log_level = 4;
 int32_t libtrel_log_use_syslog = 1;
+// Kept: "crit ", "warn ", "info " carry a trailing blank so that every name is
+// five characters and the columns of the stream output line up.
 const char *libtrel_log_level_names[8] = {"emerg", "alert", "crit ", "error",
-                                                  "warn ",  "notic", "info ",  "debug"};
+                                          "warn ", "notic", "info ", "debug"};
 
 namespace {
 
@@ -26,10 +30,20 @@ constexpr int kJsonLineWidth = 960;
 
 void log_v(int priority, const char *module, const char *function, const char *format,
            va_list ap) noexcept {
+    // A priority outside 0..7 is no syslog level: it shows as "unknown" and
+    // goes to syslog as LOG_DEBUG, so a stray value neither selects a
+    // facility nor raises an alarm.
+    const char *level = "unknown";
+    if (priority >= LOG_EMERG && priority <= LOG_DEBUG)
+        level = libtrel_log_level_names[priority];
+    else
+        priority = LOG_DEBUG;
     FILE *stream = stderr;
     FILE *kmsg = nullptr;
     if (libtrel_log_use_syslog) {
         struct stat st;
+        // Kept: looked for on every message, so that the output follows the
+        // device's logging set-up as it changes at run time.
         if (trel::path_stat("/var/log/messages", &st) == 0) {
             char message[kSyslogMessageSize];
             vsnprintf(message, sizeof message, format, ap);
@@ -37,11 +51,12 @@ void log_v(int priority, const char *module, const char *function, const char *f
                    message);
             return;
         }
+        // Kept: opened and closed for each message, so that no descriptor of
+        // ours stays open in the host process between messages.
         kmsg = fopen("/dev/kmsg", "w+e");
         if (kmsg != nullptr) stream = kmsg;
     }
-    fprintf(stream, "%s[%d]: [%s] %s.%s(): ", __progname, (int)getpid(),
-            libtrel_log_level_names[priority], module, function);
+    fprintf(stream, "%s[%d]: [%s] %s.%s(): ", __progname, (int)getpid(), level, module, function);
     vfprintf(stream, format, ap);
     fputc('\n', stream);
     if (kmsg != nullptr) fclose(kmsg);
@@ -50,7 +65,8 @@ void log_v(int priority, const char *module, const char *function, const char *f
 void log_f(int priority, const char *module, const char *function, const char *format, ...) noexcept
     __attribute__((format(printf, 4, 5)));
 
-void log_f(int priority, const char *module, const char *function, const char *format, ...) noexcept {
+void log_f(int priority, const char *module, const char *function, const char *format,
+           ...) noexcept {
     va_list ap;
     va_start(ap, format);
     log_v(priority, module, function, format, ap);
@@ -59,18 +75,16 @@ void log_f(int priority, const char *module, const char *function, const char *f
 
 }  // namespace
 
-TREL_API void libtrel_log(int priority, const char *module,
-                                                        const char *function, const char *format,
-                                                        ...) noexcept {
+TREL_API void libtrel_log(int priority, const char *module, const char *function,
+                          const char *format, ...) noexcept {
     va_list ap;
     va_start(ap, format);
     log_v(priority, module, function, format, ap);
     va_end(ap);
 }
 
-TREL_API void libtrel_log_json(int priority, const char *module,
-                                                             const char *function, json_t *value,
-                                                             const char *title) noexcept {
+TREL_API void libtrel_log_json(int priority, const char *module, const char *function,
+                               json_t *value, const char *title) noexcept {
     int n = snprintf(nullptr, 0, "%s: %s[%d]: %s.%s(): JSON - %4s: ", __progname, __progname,
                      (int)getpid(), module, function, "");
     int width = kJsonLineWidth - n;
@@ -103,9 +117,8 @@ TREL_API void libtrel_log_json(int priority, const char *module,
     free(text);
 }
 
-TREL_API void libtrel_log_hex(int priority, const char *module,
-                                                            const char *function, const void *data,
-                                                            int length, const char *title) noexcept {
+TREL_API void libtrel_log_hex(int priority, const char *module, const char *function,
+                              const void *data, int length, const char *title) noexcept {
     log_f(priority, module, function, "%s - HEX(%p) len %d", title != nullptr ? title : "", data,
           length);
     const unsigned char *bytes = static_cast<const unsigned char *>(data);

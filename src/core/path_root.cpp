@@ -253,10 +253,42 @@ RootedPath::RootedPath(const char *logical) noexcept : resolved_(logical) {
     if (root == nullptr) return;
     resolved_ = nullptr;
     UniqueFd fd(open_rooted(root, logical, O_PATH));
-    if (!fd) return;
-    ssize_t n = readlink(FdName(fd.get()).text, buf_, sizeof buf_);
+    // A file yet to be made: its directory resolved inside the root and the
+    // name as written, when nothing at all stands there (not even a dangling
+    // symlink, which could point out of the root).
+    const bool missing = !fd && errno == ENOENT;
+    NameAt at(missing ? root : nullptr, logical);
+    int dir = fd.get();
+    const char *name = nullptr;
+    if (missing) {
+        struct stat st;
+        if (!at || at.last().empty() || at.last() == "." || at.last() == ".." ||
+            strchr(at.name(), '/') != nullptr)
+            return;
+        if (fstatat(at.dir(), at.name(), &st, AT_SYMLINK_NOFOLLOW) == 0 || errno != ENOENT) {
+            errno = ENOENT;
+            return;
+        }
+        dir = at.dir();
+        name = at.name();
+    }
+    if (dir < 0) return;
+    ssize_t n = readlink(FdName(dir).text, buf_, sizeof buf_);
     if (n < 0) return;
-    if ((size_t)n == sizeof buf_) {
+    if (name != nullptr) {
+        size_t len = strlen(name);
+        if ((size_t)n + 1 + len >= sizeof buf_) {
+            errno = ENAMETOOLONG;
+            return;
+        }
+        if (n > 1)
+            buf_[n++] = '/';
+        else
+            n = 1;  // the root directory is "/"
+        memcpy(buf_ + n, name, len);
+        n += (ssize_t)len;
+    }
+    if ((size_t)n >= sizeof buf_) {
         errno = ENAMETOOLONG;
         return;
     }
@@ -398,6 +430,13 @@ int path_rename(const char *from, const char *to) noexcept {
     NameAt b(to_root_dir, to);
     if (!b) return -1;
     return renameat(a.dir(), a.name(), b.dir(), b.name());
+}
+
+ssize_t path_readlinkat(int dirfd, const char *path, char *buf, size_t size) noexcept {
+    // A relative name stays relative to dirfd, which was itself opened inside
+    // the root; an absolute one resolves like path_readlink.
+    if (root_for(path) != nullptr) return path_readlink(path, buf, size);
+    return readlinkat(dirfd, path, buf, size);
 }
 
 }  // namespace trel

@@ -21,10 +21,12 @@
 
 namespace trel {
 
-// The real path a logical path resolves to, for the one call that cannot act
-// on a descriptor: execv.  Without a root (or for a relative path) it is the
-// logical path itself; under a root it is the resolved file's real path.
-// c_str() is null (errno set as stat would) when the path does not resolve.
+// The real path a logical path resolves to, for what cannot act on a
+// descriptor: execv, and file names put into shell commands.  Without a root
+// (or for a relative path) it is the logical path itself; under a root it is
+// the resolved file's real path, or for a file not there yet, its resolved
+// directory and its name.  c_str() is null (errno set as stat would) when the
+// path does not resolve.
 class RootedPath {
 public:
     explicit RootedPath(const char *logical) noexcept;
@@ -58,5 +60,6 @@ int path_rmdir(const char *path) noexcept;
 int path_rename(const char *from, const char *to) noexcept;
 DIR *path_opendir(const char *path) noexcept;
 ssize_t path_readlink(const char *path, char *buf, size_t size) noexcept;
+ssize_t path_readlinkat(int dirfd, const char *path, char *buf, size_t size) noexcept;
 
 }  // namespace trel

@@ -50,6 +50,8 @@ TREL_API void strncpy_trim(char *dst, size_t size, const char *src) noexcept {
     dst[0] = '\0';
     if (src == nullptr) return;
     while (isspace((unsigned char)*src)) src++;
+    // Kept: only the leading white space goes; trailing blanks stay in the
+    // copy, and callers get the text exactly as it follows them.
     size_t n = 0;
     while (n < size - 1 && src[n] != '\0') {
         dst[n] = src[n];
@@ -67,6 +69,8 @@ TREL_API int hex2uchar(const char *hex, unsigned char *out, size_t len) noexcept
         if (sscanf(hex + 2 * i, "%2x", &v) != 1) break;
         out[i] = (unsigned char)v;
     }
+    // Kept: len however many pairs converted; the result only tells that hex
+    // was given.
     return (int)len;
 }
 
@@ -74,12 +78,14 @@ TREL_API int uchar2hex(const unsigned char *data, size_t len, char *out, size_t 
     return bytes_to_hex<true>(data, len, out, size);
 }
 
-TREL_API int uchar2lowerhex(const unsigned char *data, size_t len, char *out, size_t size) noexcept {
+TREL_API int uchar2lowerhex(const unsigned char *data, size_t len, char *out,
+                            size_t size) noexcept {
     return bytes_to_hex<false>(data, len, out, size);
 }
 
-// Converts the first len - 1 bytes (len <= 0: as many as fit), two hex digits
-// a byte, while three bytes of out remain.
+// Two hex digits a byte while three bytes of out remain.
+// Kept: only the first len - 1 bytes are converted (len <= 0: as many as
+// fit); callers size len with that in mind.
 TREL_API int bin2hex(const unsigned char *data, int len, char *out, int size) noexcept {
     if (data == nullptr || out == nullptr || size <= 0) return 0;
     out[0] = '\0';
@@ -142,6 +148,8 @@ TREL_API int trel_snprintf(const char *module, const char *label, char *buf, siz
         TREL_ERR(module, "%s failure: %d\n", "trel_snprintf", r);
         return 0;
     }
+    // Kept: without a label the untruncated length comes back as vsnprintf
+    // gives it, which may exceed size - 1.
     if (label == nullptr) return r;
     if ((size_t)r >= size) {
         TREL_ERR(module, "%s\n", label);

@@ -306,6 +306,8 @@ TREL_API int aes_cbc_encrypt_128(const uint8_t key[16], const uint8_t iv[16], ui
 
 TREL_API int aes_cbc_decrypt_128(const uint8_t key[16], const uint8_t iv[16], uint8_t *data,
                                  size_t len) noexcept {
+    // Kept: nothing to decrypt is refused, though encryption accepts it: an
+    // empty ciphertext is taken as the caller's mistake.
     if (len == 0 || len % 16 != 0) return -1;
     if (iv == nullptr || data == nullptr) return -1;
     rijndael_context ctx;

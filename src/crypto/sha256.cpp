@@ -152,7 +152,10 @@ TREL_API void sha256_update(sha256_context *ctx, const uint8_t *data, uint32_t l
 TREL_API void sha256_final(sha256_context *ctx, uint8_t digest[32]) noexcept {
     if (ctx == nullptr || digest == nullptr || ctx->len >= 64) return;
     uint32_t blocks = ctx->len > 55 ? 2 : 1;
-    uint32_t bits = (ctx->tot_len + ctx->len) * 8;  // 32 bits, deliberately
+    // Kept: the bit count is taken in 32 bits and fills only the last 4 bytes,
+    // so inputs of 512 MiB or more hash unlike the standard: digests stay
+    // comparable with those already computed.
+    uint32_t bits = (ctx->tot_len + ctx->len) * 8;
     uint32_t padded = blocks * 64;
     memset(ctx->block + ctx->len, 0, padded - ctx->len);
     ctx->block[ctx->len] = 0x80;

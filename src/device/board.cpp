@@ -160,7 +160,7 @@ static void fill_board_from_sysinfo(trel_board *b) noexcept {
 static trel_board *build_unknown_board() noexcept {
     {
         trel::UniqueFile cpuinfo(trel::path_fopen("/proc/cpuinfo", "r"));
-        (void)cpuinfo_arch_type(cpuinfo.get());
+        (void)cpuinfo_arch_type(cpuinfo.get());  // Kept: unused, the read keeps its place
     }
     trel_board *b = &g_unknown;
     b->num_radios = 0;
@@ -326,7 +326,7 @@ TREL_API json_t *prepare_accelerometer_status(void) noexcept {
     fwriteline(path, "50");
     trel::JsonRef obj(json_object());
     if (!obj) return nullptr;
-    int value = 0;  // kept from the previous axis when a read fails
+    int value = 0;  // Kept: not reset; a failed axis repeats the previous one
     static constexpr const char *kAxes[] = {"x", "y", "z"};
     for (const char *axis : kAxes) {
         char buf[8];

@@ -21,7 +21,9 @@ uint32_t oui_version(uint32_t oui) noexcept {
     return kOuiDefault;
 }
 
-// The first row whose range holds rev; the terminator's version otherwise.
+// The first row whose range holds rev.
+// Kept: else the terminator's 0xFFFFFF, so that a revision outside every range
+// is taken as supported by no firmware released so far.
 uint32_t revision_version(const RevTable &table, int32_t rev) noexcept {
     for (const RevRow &row : table.rows)
         if (row.version == TREL_FW_COMPAT_END || (rev >= row.low && rev <= row.high))

@@ -44,7 +44,7 @@ TREL_API uint32_t is_dax7(void) noexcept { return kDax7.contains(sysid()); }
 
 TREL_API uint32_t is_dax6_tb_aqr112c(void) noexcept {
     const trel_board *b = board_identify();
-    // Revision 21 and those above 22 have another PHY.
+    // Kept: revision 21 and those above 22 answer 0: they have another PHY.
     return b->system_id == kDax6TbAqr112c && (b->boardrevision < 21 || b->boardrevision == 22);
 }
 

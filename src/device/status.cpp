@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include <trel/device.h>
+#include <trel/telemetry.h>
 
 #include "core/log.h"
 #include "core/path_root.h"
@@ -93,15 +94,6 @@ void read_mgmt_value(const char *key, char *buf, size_t size, const char *def) n
     if (buf[0] == '\0') freadvalue(kMgmt, key, buf, size, def);
 }
 
-// Reference type of the build: 1 "atag", 2 "branch", 0 otherwise.
-int build_scm_reftype() noexcept {
-    char buf[16];
-    freadvalue("/usr/lib/build.properties", "scm_reftype", buf, sizeof buf, "unknown");
-    if (strcmp(buf, "atag") == 0) return 1;
-    if (strcmp(buf, "branch") == 0) return 2;
-    return 0;
-}
-
 char g_version[64] = "unknown.0";
 bool g_version_cached;
 
@@ -151,8 +143,9 @@ TREL_API int fill_dev_status(const char *ifname, trel_dev_status *st) noexcept {
     if (ioctl(fd.get(), SIOCGIFFLAGS, &ifr) == 0)
         st->flags = static_cast<unsigned short>(ifr.ifr_flags);
 
-    // The link is read twice; the second reading corrects a first one that
-    // reported 10 Mb/s or half duplex.
+    // Kept: the link is read twice; the second reading corrects a first one of
+    // 10 Mb/s or half duplex, and when it fails speed is 0 and duplex 255
+    // whatever the first said.
     struct ethtool_cmd cmd;
     if (ethtool_gset(fd.get(), ifname, cmd)) {
         st->speed = ethtool_cmd_speed(&cmd);
@@ -204,6 +197,8 @@ TREL_API void replace_ifname(char *ifname, const char *prefix) noexcept {
     long number = strtol(ifname + letters, &end, 10);
     if (errno == ERANGE || number > INT_MAX) return;
     if (strlen(prefix) == letters && strncmp(ifname, prefix, letters) == 0) return;
+    // Kept: the new prefix is "eth" whatever prefix says; prefix only decides
+    // whether to rename.
     snprintf(ifname, IFNAMSIZ, "%s%d", "eth", static_cast<int>(number));
 }
 
@@ -211,6 +206,8 @@ TREL_API int fill_services(trel_service_status *status) noexcept {
     if (status == nullptr) return 0;
     *status = trel_service_status{};
     struct stat st;
+    // Kept: a regular file of mode exactly 0777 is not read (not trusted): all
+    // flags stay 0.
     if (trel::path_stat(kSystemCfg, &st) != 0 || st.st_mode == (S_IFREG | 0777)) return 0;
     trel::UniqueFile f(trel::path_fopen(kSystemCfg, "r"));
     if (!f) return 0;
@@ -295,6 +292,7 @@ TREL_API int get_boardsn(const char *path, char *out, int32_t size) noexcept {
     char text[255] = "";
     if (out == nullptr || size <= 0) return -1;
     if (trel::device::last_keyed_piece(path, "serialno", text, sizeof text) < 0) return -1;
+    // Kept: a newline is appended, and it needs room in out too.
     int n = snprintf(out, static_cast<size_t>(size), "%s\n", text);
     return n >= 0 && n < size ? 0 : -1;
 }
@@ -378,7 +376,7 @@ TREL_API int get_system_time(trel_time_parts *parts) noexcept {
     char text[32];
     if (ctime_r(&now, text) == nullptr) return -1;
     memset(parts, 0, sizeof *parts);
-    // "Sun Nov 22 07:24:04 2026\n": the year keeps its newline.
+    // Kept: "Sun Nov 22 07:24:04 2026\n": the year keeps its newline.
     struct {
         char *field;
         const char *delim;
@@ -419,7 +417,7 @@ TREL_API int get_vesk_env(void) noexcept {
 
 TREL_API int get_vesk_env_limit_prod(void) noexcept {
     int env = get_vesk_env();
-    int reftype = build_scm_reftype();
+    int reftype = get_trel_scm_reftype();
     char force[8];
     read_mgmt_value("mgmt.vesk.env.force", force, sizeof force, "false");
     if (starts_with(force, "1") || starts_with(force, "enable")) return env;

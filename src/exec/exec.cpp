@@ -33,7 +33,7 @@ void free_record(exec_record *rec, int32_t filled) {
     free(rec);
 }
 
-// Waits for whichever child ends first; the raw status, or -1.
+// Kept: plain wait(), not waitpid(), as documented: whichever child ends first.
 int wait_any() {
     int status = 0;
     pid_t r;
@@ -95,7 +95,7 @@ TREL_API exec_record *exec_copy(const exec_record *src) noexcept {
         TREL_ERR_CALLOC(kModule, 1, sizeof(exec_record));
         return nullptr;
     }
-    // Exactly argc slots: a copy carries no terminator.
+    // Kept: exactly argc slots, no terminator: a copy is not for execv.
     size_t slots = src->argc > 0 ? (size_t)src->argc : 1;
     rec->argv = (char **)calloc(slots, sizeof(char *));
     if (rec->argv == nullptr) {
@@ -143,6 +143,8 @@ TREL_API void syswrapper_impl(int wait_for_exit, const char *verb, ...) noexcept
     }
     // What runs is the script the root holds at that place.
     trel::RootedPath real(script);
+    // Kept: the "[ERROR]" lines of the wrapper go out at debug level, so that the
+    // default level stays quiet where the script is missing or fails.
     if (!real) {
         TREL_DBG(kModule, "[ERROR] unable to locate syswrapper.sh, '%s' skipped!", verb);
         return;
@@ -160,7 +162,8 @@ TREL_API void syswrapper_impl(int wait_for_exit, const char *verb, ...) noexcept
         while ((arg = va_arg(ap, const char *)) != nullptr) {
             argv[n++] = arg;
             if (n == kWrapperEntries) {
-                // The run goes ahead with what fits.
+                // Kept: the run goes ahead with the 50 entries taken; only the
+                // surplus arguments are dropped.
                 TREL_DBG(kModule, "[ERROR] too many arguments for syswrapper, '%s' skipped!", verb);
                 break;
             }
@@ -191,6 +194,8 @@ TREL_API void syswrapper_impl(int wait_for_exit, const char *verb, ...) noexcept
         _exit(0);
     }
     int status = wait_any();
+    // Kept: only a death by signal is logged, and with the exit-status byte
+    // rather than the signal; an ordinary non-zero exit is not logged.
     if (died_abnormally(status))
         TREL_DBG(kModule, "[ERROR] exit abnormally. code: %d", (status >> 8) & 0xff);
 }
@@ -209,6 +214,7 @@ TREL_API void forkexec(char *const argv[]) noexcept {
         _exit(0);
     }
     int status = wait_any();
+    // Kept: as in syswrapper_impl, signals only, with the exit-status byte.
     if (died_abnormally(status))
         TREL_DBG(kModule, "[ERROR] exit abnormally. code: %d", (status >> 8) & 0xff);
 }
@@ -222,6 +228,8 @@ TREL_API int popen_get_output(const char *command, char *buf, size_t size) noexc
         return -1;
     }
     size_t total = 0;
+    // Kept: a full buffer stops the reading and the pipe is closed on the rest;
+    // the output is cut to size - 1 bytes without a word.
     while (!feof(fp) && !ferror(fp)) {
         if (total == size) break;
         total += fread(buf + total, 1, size - total, fp);
@@ -283,6 +291,8 @@ TREL_API char *popen_alloc_output(const char *command, size_t max) noexcept {
         TREL_ERR(kModule, "pclose failed on '%s': %s", command, strerror(errno));
     else if (rc != 0)
         TREL_WARN(kModule, "'%s' returned rc=%d", command, rc);
+    // Kept: a full buffer loses its last byte to the terminator, so the text is
+    // at most max - 1 characters, cut without a word.
     if (len < cap)
         buf[len] = '\0';
     else

@@ -19,11 +19,15 @@ namespace {
 enum Method { kGet = 0, kPost = 1, kPut = 2 };
 
 constexpr long kTimeoutSeconds = 5;
+// Requests and redirects speak nothing but the web: no file://, no mail or
+// directory protocols reached through a Location header.
+constexpr char kProtocols[] = "http,https";
+constexpr long kMaxRedirects = 10;
 constexpr size_t kErrorSize = 256;
 static_assert(kErrorSize >= CURL_ERROR_SIZE);
 
-// Keeps what fits under max_size and reports everything as taken, so a long
-// answer is cut rather than failed.
+// Kept: keeps what fits under max_size and reports everything as taken, so a
+// long answer is cut rather than failed (received still counts it all).
 size_t curl_simple_write(char *data, size_t size, size_t count, void *userdata) noexcept {
     auto *r = static_cast<curl_simple_response *>(userdata);
     size_t n = size * count;
@@ -48,6 +52,13 @@ CURLcode curl_simple(const char *url, uint32_t flags, int method, struct curl_sl
     curl_easy_setopt(curl, CURLOPT_URL, url);
     curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, curl_simple_method_str[method]);
     curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    // A libcurl that cannot restrict the protocols sends nothing.
+    CURLcode rc = curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, kProtocols);
+    if (rc == CURLE_OK) rc = curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, kProtocols);
+    curl_easy_setopt(curl, CURLOPT_MAXREDIRS, kMaxRedirects);
+    // A body set here goes out as a POST to libcurl, whatever the method
+    // string; keeping it on 301/302/303 keeps both POST and PUT bodies.
+    curl_easy_setopt(curl, CURLOPT_POSTREDIR, (long)CURL_REDIR_POST_ALL);
     curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
     if (headers != nullptr) curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
@@ -63,8 +74,9 @@ CURLcode curl_simple(const char *url, uint32_t flags, int method, struct curl_sl
         curl_easy_setopt(curl, CURLOPT_WRITEDATA, response);
     }
 
-    CURLcode rc;
-    if (flags & CURL_SIMPLE_DOH) {
+    if (rc != CURLE_OK) {
+        // Refused above.
+    } else if (flags & CURL_SIMPLE_DOH) {
         rc = CURLE_COULDNT_RESOLVE_HOST;
         for (const char *const *p = curl_simple_doh_providers; *p != nullptr; p++) {
             curl_easy_setopt(curl, CURLOPT_DOH_URL, *p);

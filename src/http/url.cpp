@@ -20,7 +20,8 @@ static_assert(offsetof(url_info, addr) % alignof(struct sockaddr_in6) == 0);
 namespace {
 
 constexpr size_t kMaxUrlLength = 1024;
-constexpr unsigned kMaxPort = 65534;  // 65535 is refused on purpose
+// Kept: 65535 is refused as a port and the scheme's default stays.
+constexpr unsigned kMaxPort = 65534;
 
 struct SchemePort {
     const char *scheme;
@@ -31,6 +32,8 @@ constexpr SchemePort kSchemes[] = {
     {"http", 80}, {"https", 443}, {"stun", 3478}, {"ws", 80}, {"wss", 443},
 };
 
+// Kept: out of memory goes straight to syslog, not through libtrel_log, with
+// the fixed line tags log watchers know these failures by.
 void url_oom(const char *function, int tag) noexcept {
     syslog(LOG_ERR, "%s:%d url oom\n", function, tag);
 }
@@ -49,6 +52,10 @@ bool is_non_hex_letter(unsigned char c) noexcept {
     return (c >= 'g' && c <= 'z') || (c >= 'G' && c <= 'Z');
 }
 
+bool is_hex_digit(unsigned char c) noexcept {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
 // The port text [begin, end) when it is 1 to 5 decimal digits worth 1 to
 // 65534, else 0.
 unsigned port_value(const char *begin, const char *end) noexcept {
@@ -60,6 +67,50 @@ unsigned port_value(const char *begin, const char *end) noexcept {
         v = v * 10 + (unsigned)(*p - '0');
     }
     return v >= 1 && v <= kMaxPort ? v : 0;
+}
+
+// Where libcurl would read an authority another way, it is refused: the
+// authority [a, e) with its host part [h, e) after the user information
+// holds no '#' and no second '@'; the host part starts with no lone ':' (an
+// empty host before a port); one pair of brackets at most, at the start of
+// the host part and followed by nothing or by ':' and digits.
+bool authority_is_plain(const char *a, const char *h, const char *e) noexcept {
+    if (find_in(a, e, '#') != nullptr || find_in(h, e, '@') != nullptr) return false;
+    if (h < e && h[0] == ':' && (h + 1 == e || h[1] != ':')) return false;
+    const char *open = find_in(h, e, '['), *close = find_in(h, e, ']');
+    if (open == nullptr && close == nullptr) return true;
+    if (open != h || close == nullptr || find_in(open + 1, e, '[') != nullptr ||
+        find_in(close + 1, e, ']') != nullptr)
+        return false;
+    const char *p = close + 1;
+    if (p < e && *p++ != ':') return false;
+    for (; p < e; p++)
+        if (*p < '0' || *p > '9') return false;
+    return true;
+}
+
+// A host is a name or an address: letters, digits, '-', '.', '_', '~', and
+// ':' of an IPv6 literal.  So no zone ('%') inside brackets, and no bracket
+// left in a host.
+bool is_host_text(const char *begin, const char *end) noexcept {
+    for (const char *p = begin; p < end; p++)
+        if (!is_hex_digit((unsigned char)*p) && !is_non_hex_letter((unsigned char)*p) &&
+            strchr("-._~:", *p) == nullptr)
+            return false;
+    return true;
+}
+
+// A host holding ':' must be an IPv6 literal: libcurl reads "cafe:80" or
+// "1:2" as a name and a port.  (A dot-less hex name such as "cafe" holds no
+// ':' and is not checked here.)
+bool is_ipv6_literal(const char *begin, const char *end) noexcept {
+    char text[INET6_ADDRSTRLEN];
+    size_t n = (size_t)(end - begin);
+    if (n >= sizeof text) return false;
+    memcpy(text, begin, n);
+    text[n] = '\0';
+    struct in6_addr addr;
+    return inet_pton(AF_INET6, text, &addr) == 1;
 }
 
 // Host and port of the authority [a, e).  False when the brackets do not
@@ -98,7 +149,8 @@ bool split_authority(const char *a, const char *e, url_info *u, const char **hos
     }
     const char *dot = find_in(a, e, '.');
     if (dot == nullptr) {
-        // Only hexadecimal digits and colons: an IPv6 literal (cafe too).
+        // Kept: only hexadecimal digits and colons is an IPv6 literal, so a
+        // dot-less hex name such as "cafe" is taken as an address.
         u->is_ipv6 = 1;
         return true;
     }
@@ -150,9 +202,11 @@ bool normalise(url_info *u, uint16_t def) noexcept {
 
 // Parses into a zeroed record; false on refusal or allocation failure.
 bool parse_into(url_info *u, const char *text) noexcept {
+    // Printable ASCII only: no control byte, space, DEL or non-ASCII byte,
+    // which libcurl refuses or reads differently.
     const char *end = text + strlen(text);
     for (const char *p = text; p < end; p++)
-        if ((unsigned char)*p >= 0x80) return false;
+        if ((unsigned char)*p <= 0x20 || (unsigned char)*p >= 0x7f) return false;
 
     u->port = 80;
     const char *rest;
@@ -167,7 +221,9 @@ bool parse_into(url_info *u, const char *text) noexcept {
                 if (*p >= 'A' && *p <= 'Z') *p = (char)(*p - 'A' + 'a');
         rest = colon + 3;
     } else {
-        return false;  // no scheme: a bare host:port is refused
+        // Kept: no scheme: a bare host:port is refused, never read as a
+        // scheme.
+        return false;
     }
     if (u->scheme == nullptr) {
         url_oom("url_parse", 229);
@@ -176,7 +232,7 @@ bool parse_into(url_info *u, const char *text) noexcept {
     uint16_t def = 0;
     bool known = url_scheme2port(u->scheme, &def) == 0;
     if (known) u->port = def;
-    u->is_https = strcmp(u->scheme, "https") == 0;
+    u->is_https = strcmp(u->scheme, "https") == 0;  // Kept: "wss" does not count
 
     const char *path = strpbrk(rest, "/?;");
     const char *auth_end = path != nullptr ? path : end;
@@ -192,9 +248,12 @@ bool parse_into(url_info *u, const char *text) noexcept {
         }
         auth = at + 1;
     }
+    if (!authority_is_plain(rest, auth, auth_end)) return false;
 
     const char *hb, *he, *pb;
     if (!split_authority(auth, auth_end, u, &hb, &he, &pb)) return false;
+    if (!is_host_text(hb, he)) return false;
+    if (find_in(hb, he, ':') != nullptr && !is_ipv6_literal(hb, he)) return false;
     if (pb != nullptr) {
         unsigned v = port_value(pb, auth_end);
         if (v != 0) u->port = (uint16_t)v;
@@ -283,8 +342,8 @@ TREL_API url_info *url_copy(const url_info *src) noexcept {
             return nullptr;
         }
     }
-    // The address storage is not copied: ai.ai_addr keeps pointing at the
-    // source's.
+    // Kept: the address storage is not copied, so ai.ai_addr keeps pointing at
+    // the source's: callers resolve a copy again before using its address.
     u->ai = src->ai;
     u->resolve_state = src->resolve_state;
     u->port = src->port;
@@ -329,8 +388,11 @@ TREL_API int url_resolve(url_info *url, const struct addrinfo *hints) noexcept {
         TREL_DBG("libtrel", "failed to resolve URL : %s", gai_strerror(rc));
         return rc;
     }
+    // Kept: the list is shown at level 16 exactly, not above.
     if (libtrel_log_level == 16) dump_addrinfo(list);
 
+    // Kept: the walk goes on past the first match, so the last IPv4 or IPv6
+    // entry listed is the one the record keeps.
     int result = -6;
     for (struct addrinfo *e = list; e != nullptr; e = e->ai_next) {
         if (e->ai_family != AF_INET && e->ai_family != AF_INET6) continue;

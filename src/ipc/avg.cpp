@@ -52,6 +52,8 @@ TREL_API void trel_avg_inc(trel_avg *avg, int32_t sample) noexcept {
 TREL_API void trel_avg_inc_weighted(trel_avg *avg, int32_t sample, int32_t weight) noexcept {
     // -1 marks a missing sample.
     if (avg == nullptr || sample == -1) return;
+    // Kept: the product is taken in 32 bits and wraps before it is widened, so
+    // averages come out as those already reported.
     auto product = (int32_t)((uint32_t)sample * (uint32_t)weight);
     avg->sum = wrap_add(avg->sum, product);
     avg->count = wrap_add(avg->count, weight);
@@ -73,6 +75,8 @@ TREL_API int trel_remove_outliers(int64_t *values, int64_t *mean, uint64_t *n) n
         if (mean != nullptr) *mean = values[0];
         return 0;
     }
+    // Kept: *mean is the mean of all the values and is not recomputed after the
+    // filter: it is the reference the filter used.
     const int64_t m = trel_avg_array(values, count);
     if (mean != nullptr) *mean = m;
 

@@ -98,6 +98,7 @@ TREL_API void uds_sock_close(uds_sock *sock) noexcept {
         name[kPathSize] = '\0';
         unlink(name);
     }
-    // The descriptor is left in the record as it was.
+    // Kept: sock keeps the closed descriptor's number, not -1; callers reset or
+    // reopen the record themselves.
     if (sock->sock >= 0) close(sock->sock);
 }

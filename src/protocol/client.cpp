@@ -68,7 +68,8 @@ TREL_API int trel_protocol_client_init(void) noexcept {
         TREL_ERR(kModule, "could not start trel-protocol");
         return -1;
     }
-    // An unparsable group is accepted and leaves 0.0.0.0.
+    // Kept: an unparsable group is accepted and leaves 0.0.0.0; only a missing
+    // one fails the init.
     inet_aton(mcip, &c.mcast_ip);
     c.initialized = 1;
     c.encrypt = 1;
@@ -95,6 +96,7 @@ TREL_API void trel_protocol_client_send(const void *payload, uint32_t len,
 TREL_API void trel_protocol_client_event_mesh_halt_send(void) noexcept {
     auto &c = trel_protocol_ctrl;
     if (c.initialized == 0) {
+        // Kept: "initilized" as it stands; log watchers match it word for word.
         TREL_ERR(kModule, "trel-protocol not initilized");
         return;
     }

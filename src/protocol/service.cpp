@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -81,7 +82,8 @@ int trel_multicast_socket_init() noexcept {
     return 0;
 }
 
-// Drops the membership with the interface left open (any interface).
+// Kept: leaves the group with the interface set to any, whatever interface was
+// joined: the bridge address may have changed since the join.
 void trel_multicast_socket_deinit() noexcept {
     g_mreq.imr_interface.s_addr = htonl(INADDR_ANY);
     if (set_opt(IPPROTO_IP, IP_DROP_MEMBERSHIP, &g_mreq, sizeof g_mreq) < 0)
@@ -254,6 +256,8 @@ TREL_API int trel_protocol_init_recv(struct event_base *base,
     // A second call replaces the events of the first.
     free_event(g_read_ev);
     free_event(g_signal_ev);
+    // Kept: event_new and event_add are not checked and the answer is 0 always;
+    // callers treat this call as one that cannot fail.
     g_read_ev =
         event_new(base, trel_protocol_ctrl.sock, EV_READ | EV_PERSIST, trel_protocol_recv, nullptr);
     event_add(g_read_ev, nullptr);

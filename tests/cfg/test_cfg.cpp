@@ -2,12 +2,17 @@
 // allocation failures.  Failures are injected by replacing malloc and calloc
 // in this program (not possible under AddressSanitizer, which owns the
 // allocator).
+#include <ctype.h>
 #include <errno.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
+#include <strings.h>
 
+#include <algorithm>
+#include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <trel/cfg.h>
@@ -16,6 +21,7 @@
 
 using trel_test::LogCapture;
 using Lines = std::vector<std::string>;
+using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 #if defined(__SANITIZE_ADDRESS__)
 #define CFG_NO_INJECTION 1
@@ -57,6 +63,125 @@ Lines dump(const cfg_entry *list) {
         out.push_back(std::string(list->key) + "=" + list->value);
     return out;
 }
+
+Lines dump(const Pairs &list) {
+    Lines out;
+    for (const auto &[key, value] : list) out.push_back(key + "=" + value);
+    return out;
+}
+
+// The file text of lines, with the "# misc" marker before line marker.
+std::string cfg_text(const Pairs &lines, size_t marker) {
+    std::string text;
+    for (size_t i = 0; i <= lines.size(); ++i) {
+        if (i == marker) text += "# misc\n";
+        if (i < lines.size()) text += lines[i].first + "=" + lines[i].second + "\n";
+    }
+    return text;
+}
+
+// The straightforward versions the indexed ones must agree with: every key
+// is looked up by a walk from the head.
+const std::pair<std::string, std::string> *first_equal(const Pairs &list, const std::string &key) {
+    for (const auto &e : list)
+        if (cfg_keycmp(e.first.c_str(), key.c_str()) == 0) return &e;
+    return nullptr;
+}
+
+Lines merge_by_walk(const Pairs &lines, size_t marker) {
+    Pairs out;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        auto *same = first_equal(out, lines[i].first);
+        if (i >= marker && same != nullptr)
+            const_cast<std::string &>(same->second) = lines[i].second;
+        else
+            out.push_back(lines[i]);
+    }
+    return dump(out);
+}
+
+Lines diff_by_walk(const Pairs &a, const Pairs &b) {
+    auto is_comment = [](const std::string &k) {
+        size_t dot = k.rfind('.');
+        return dot != std::string::npos && k.compare(dot + 1, std::string::npos, "comment") == 0;
+    };
+    Pairs out;
+    for (const auto &e : b) {
+        auto *old = first_equal(a, e.first);
+        if (!is_comment(e.first) && (old == nullptr || old->second != e.second)) out.push_back(e);
+    }
+    for (const auto &e : a)
+        if (!is_comment(e.first) && first_equal(b, e.first) == nullptr) out.push_back(e);
+    return dump(out);
+}
+
+Pairs pairs(const cfg_entry *list) {
+    Pairs out;
+    for (; list != nullptr; list = list->next) out.emplace_back(list->key, list->value);
+    return out;
+}
+
+// Random keys over classes of pieces that cfg_keycmp finds equal (when not
+// run into a neighbouring digit): case; a digit run worth 2^32 - 256 + c,
+// which weighs like the character c at its first position; runs of 30 digits
+// and more whose first digits differ by a multiple of 8, 4 or 2, or by
+// anything from 33 digits on (10^k d vanishes modulo 2^32); plus leading
+// zeros and near misses.
+class KeyGen {
+public:
+    explicit KeyGen(unsigned seed) : rng_(seed) {
+        auto zeros = [](char first, size_t n) { return first + std::string(n - 1, '0'); };
+        classes_ = {{"a", "A"},
+                    {"b", "B"},
+                    {"x", "X"},
+                    {"0"},
+                    {"00"},
+                    {"1"},
+                    {"01"},
+                    {"10"},
+                    {"9"},
+                    {"comment", "COMMENT", "Comment"},
+                    {"4294967137", "a294967137", "A294967137"},
+                    {"4294967086", ".294967086"},
+                    {"04294967137", "aa294967137", "AA294967137"},
+                    {zeros('8', 30), zeros('0', 30)},
+                    {zeros('9', 30), zeros('1', 30)},
+                    {zeros('4', 31), zeros('0', 31), zeros('8', 31)},
+                    {zeros('2', 32), zeros('0', 32), zeros('6', 32)},
+                    {zeros('1', 33), zeros('7', 33), zeros('0', 33)},
+                    {"4294967296"},
+                    {"0000000000"}};
+        for (int i = 0; i < 30; ++i) pool_.push_back(shape());
+    }
+
+    // A key from the pool, spelt at random, or now and then a new one.
+    std::string key() {
+        if (pick(10) == 0) return spell(shape());
+        return spell(pool_[pick(pool_.size())]);
+    }
+    size_t pick(size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng_); }
+
+private:
+    // Piece classes, each followed by a separator: "." or nothing.
+    using Shape = std::vector<std::pair<size_t, bool>>;
+    Shape shape() {
+        Shape s(1 + pick(4));
+        for (auto &[cls, dot] : s) cls = pick(classes_.size()), dot = pick(3) != 0;
+        return s;
+    }
+    std::string spell(const Shape &s) {
+        std::string key;
+        for (size_t i = 0; i < s.size(); ++i) {
+            const auto &members = classes_[s[i].first];
+            key += members[pick(members.size())];
+            if (i + 1 < s.size() && s[i].second) key += ".";
+        }
+        return key;
+    }
+    std::mt19937 rng_;
+    std::vector<std::vector<std::string>> classes_;
+    std::vector<Shape> pool_;
+};
 
 }  // namespace
 
@@ -288,29 +413,100 @@ TEST(CfgLists, PrefixExactSectionsAndDiff) {
     free_cfg(b);
 }
 
+// The indexed merge and diff against the walks above, over random files whose
+// keys meet every way cfg_keycmp finds two spellings equal.
+TEST(CfgIndex, MergeAndDiffMatchTheWalks) {
+    size_t wrapped_letters = 0, long_runs = 0;
+    for (unsigned seed = 1; seed <= 100; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        KeyGen gen(seed);
+        // The last seed makes a large file, so the index grows many times.
+        size_t n = seed == 100 ? 600 : 20 + gen.pick(200);
+        Pairs lines, other;
+        for (size_t i = 0; i < n; ++i) {
+            lines.emplace_back(gen.key(), "v" + std::to_string(gen.pick(3)));
+            other.emplace_back(gen.key(), "v" + std::to_string(gen.pick(3)));
+        }
+        // Count the kinds of equal spellings met, to know the corners are hit.
+        for (size_t i = 0; i < lines.size() && n < 1000; ++i)
+            for (size_t j = 0; j < i; ++j) {
+                const std::string &p = lines[i].first, &q = lines[j].first;
+                if (strcasecmp(p.c_str(), q.c_str()) == 0 || cfg_keycmp(p.c_str(), q.c_str()) != 0)
+                    continue;
+                bool mixed = false;
+                for (size_t k = 0; k < p.size(); ++k) mixed |= !isdigit(p[k]) != !isdigit(q[k]);
+                ++(mixed ? wrapped_letters : long_runs);
+            }
+
+        size_t marker = gen.pick(n + 1);
+        cfg_entry *merged = parse_text(cfg_text(lines, marker));
+        ASSERT_EQ(dump(merged), merge_by_walk(lines, marker));
+        free_cfg(merged);
+
+        // Unmerged lists, so the diff also meets duplicate keys (the first counts).
+        cfg_entry *a = parse_text(cfg_text(lines, n));
+        cfg_entry *b = parse_text(cfg_text(other, n));
+        cfg_entry *d = get_cfg_diff_it(a, b);
+        ASSERT_EQ(dump(d), diff_by_walk(pairs(a), pairs(b)));
+        free_cfg_it(d);
+        d = get_cfg_diff_it(b, a);
+        ASSERT_EQ(dump(d), diff_by_walk(pairs(b), pairs(a)));
+        free_cfg_it(d);
+        free_cfg(a);
+        free_cfg(b);
+    }
+    EXPECT_GT(wrapped_letters, 1000u);
+    EXPECT_GT(long_runs, 1000u);
+}
+
 TEST(CfgOom, ParseKeepsWhatItHasAndQueriesFallBack) {
     SKIP_WITHOUT_INJECTION();
-    const std::string text = "a=1\nb=2\nc=3\n";
-    const Lines full{"a=1", "b=2", "c=3"};
-    bool saw_calloc = false, saw_malloc = false, failed = true;
-    for (long k = 0; failed && k < 100; ++k) {
-        LogCapture cap;
-        cfg_entry *cfg = with_failure(k, [&] { return parse_text(text); });
-        failed = g_failed;
-        Lines got = dump(cfg);
-        free_cfg(cfg);
-        // Whatever was parsed before the failure is kept intact (a failure
-        // inside the stream's own buffering may cost nothing).
-        ASSERT_LE(got.size(), 3u) << k;
-        EXPECT_EQ(got, Lines(full.begin(), full.begin() + got.size())) << k;
-        EXPECT_TRUE(failed || got == full) << k;
-        bool logged = cap.contains("[error] cfg.parse_stream(): ");
-        saw_calloc |= logged && cap.contains(": calloc(1, 32) failed");
-        saw_malloc |= logged && cap.contains(": malloc(2) failed");
+    // Without the marker, and with it: there the index of keys allocates its
+    // table, and again when it grows for the second batch of keys; failing
+    // either costs nothing (the list is walked instead).
+    Pairs keys;
+    for (int i = 0; i < 40; ++i) keys.emplace_back("K" + std::to_string(i % 30), std::to_string(i));
+    const struct {
+        const char *what;
+        Pairs lines;
+        size_t marker;
+        int index_allocations;
+    } rows[] = {{"plain", {{"a", "1"}, {"b", "2"}, {"c", "3"}}, 3, 0}, {"merged", keys, 0, 2}};
+    int stream_free = -1;  // failures that cost nothing without the index
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        const std::string text = cfg_text(row.lines, row.marker);
+        const Lines full = merge_by_walk(row.lines, row.marker);
+        bool saw_calloc = false, saw_malloc = false, failed = true;
+        int free_failures = 0;
+        for (long k = 0; failed && k < 200; ++k) {
+            LogCapture cap;
+            cfg_entry *cfg = with_failure(k, [&] { return parse_text(text); });
+            failed = g_failed;
+            Lines got = dump(cfg);
+            free_cfg(cfg);
+            // Whatever was parsed before the failure is kept intact, merged
+            // as far as it went.
+            size_t m = 0;
+            auto upto = [&](size_t m) { return Pairs(row.lines.begin(), row.lines.begin() + m); };
+            while (m <= row.lines.size() && merge_by_walk(upto(m), row.marker) != got) ++m;
+            EXPECT_LE(m, row.lines.size()) << k;
+            bool logged = cap.contains("[error] cfg.parse_stream(): ");
+            // Unlogged, a failure in the stream's own buffering loses all or
+            // nothing; one of the index loses nothing.
+            EXPECT_TRUE(logged || got.empty() || got == full) << k;
+            free_failures += failed && !logged && got == full;
+            saw_calloc |= logged && cap.contains(": calloc(1, 32) failed");
+            saw_malloc |= logged && cap.contains(": malloc(2) failed");
+        }
+        EXPECT_FALSE(failed);
+        if (stream_free < 0)
+            stream_free = free_failures;
+        else
+            EXPECT_EQ(free_failures, stream_free + row.index_allocations);
+        EXPECT_TRUE(saw_calloc);
+        EXPECT_TRUE(saw_malloc);
     }
-    EXPECT_FALSE(failed);
-    EXPECT_TRUE(saw_calloc);
-    EXPECT_TRUE(saw_malloc);
 
     cfg_entry *cfg = parse_text("k=a$b\nk.1=x\nk.2=y\n");
     LogCapture cap;
@@ -330,12 +526,23 @@ TEST(CfgOom, ParseKeepsWhatItHasAndQueriesFallBack) {
     EXPECT_TRUE(cap.contains("[error] cfg.append_cfg_match_cb(): ")) << cap.text();
     free_cfg_it(it);
 
-    // The first difference is lost, the others kept.
+    // The diff's index failing costs nothing; a node failing loses that
+    // difference only.
     cfg_entry *other = parse_text("k=new\nk.1=x\n");
-    cfg_entry *d = with_failure(0, [&] { return get_cfg_diff_it(cfg, other); });
-    EXPECT_EQ(dump(d), (Lines{"k.2=y"}));
-    EXPECT_TRUE(cap.contains("[error] cfg.get_cfg_diff_it(): ")) << cap.text();
-    free_cfg_it(d);
+    const struct {
+        long fail_in;
+        Lines want;
+        bool logged;
+    } diffs[] = {{0, {"k=new", "k.2=y"}, false}, {1, {"k.2=y"}, true}};
+    for (const auto &row : diffs) {
+        SCOPED_TRACE("failing allocation " + std::to_string(row.fail_in));
+        cap.clear();
+        cfg_entry *d = with_failure(row.fail_in, [&] { return get_cfg_diff_it(cfg, other); });
+        EXPECT_TRUE(g_failed);
+        EXPECT_EQ(dump(d), row.want);
+        EXPECT_EQ(cap.contains("[error] cfg.get_cfg_diff_it(): "), row.logged) << cap.text();
+        free_cfg_it(d);
+    }
     free_cfg(other);
     free_cfg(cfg);
 }

@@ -22,11 +22,16 @@ TEST(Log, StreamLinesCarryPrefixAndPaddedLevel) {
     LogCapture cap;
     for (int i = 0; i < 8; i++)
         libtrel_log(i, "cfg", "parse", "%d: malloc(%zu) failed", i, (size_t)40);
+    for (int i : {-1, 8, 1000})
+        libtrel_log(i, "cfg", "parse", "%d: malloc(%zu) failed", i, (size_t)40);
     auto lines = cap.lines();
-    ASSERT_EQ(lines.size(), 8u);
+    ASSERT_EQ(lines.size(), 11u);
     for (int i = 0; i < 8; i++)
         EXPECT_EQ(lines[i],
                   prefix(names[i], "cfg", "parse") + std::to_string(i) + ": malloc(40) failed");
+    // Priorities outside 0..7 name no level.
+    EXPECT_EQ(lines[8], prefix("unknown", "cfg", "parse") + "-1: malloc(40) failed");
+    EXPECT_EQ(lines[10], prefix("unknown", "cfg", "parse") + "1000: malloc(40) failed");
     // The stream path has no length limit.
     cap.clear();
     std::string big(5000, 'z');
@@ -49,6 +54,15 @@ TEST(Log, SyslogPathTruncatesAt1023Characters) {
         EXPECT_NE(text.find(line), std::string::npos) << text;
         // The bracketed level column belongs to the stream path only.
         EXPECT_EQ(text.find("[error]"), std::string::npos);
+
+        // Priorities outside 0..7 reach syslog as LOG_DEBUG, not as a facility.
+        cap.clear();
+        openlog("trel-test", LOG_PERROR, LOG_USER);
+        setlogmask(LOG_MASK(LOG_DEBUG));
+        for (int p : {-1, 3, 8, 99}) libtrel_log(p, "m", "f", "p%d", p);
+        closelog();
+        std::string head = "trel-test: " + prefix(nullptr, "m", "f");
+        EXPECT_EQ(cap.text(), head + "p-1\n" + head + "p8\n" + head + "p99\n");
     });
 }
 

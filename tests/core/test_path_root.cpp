@@ -593,3 +593,33 @@ TEST(PathRoot, FopenModesUnderARootMatchThePlainCall) {
         }
     }
 }
+
+// The real path handed to exec and to shell commands: an existing file, a
+// file yet to be made in a resolved directory, and nothing where a dangling
+// link or a missing directory stands.
+TEST(PathRoot, RealPathsForCommands) {
+    TempRoot root;
+    root.write("/etc/f", "x");
+    root.mkdir("/var/run");
+    fs::create_symlink("/etc", root.path("/le"));
+    fs::create_symlink("/nowhere/x", root.path("/var/run/dangling"));
+    const std::string real = fs::canonical(root.dir()).string();
+    const struct {
+        const char *logical;
+        std::string want;  // "" for no path
+    } cases[] = {
+        {"/etc/f", real + "/etc/f"},
+        {"/le/f", real + "/etc/f"},
+        {"/var/run/new.txt", real + "/var/run/new.txt"},
+        {"/le/../var/run/new.txt", real + "/var/run/new.txt"},
+        {"/new", real + "/new"},
+        {"/var/run/dangling", ""},
+        {"/missing/new.txt", ""},
+        {"/var/run/..", real + "/var"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.logical);
+        trel::RootedPath p(c.logical);
+        EXPECT_EQ(p ? std::string(p.c_str()) : "", c.want);
+    }
+}

@@ -1,9 +1,11 @@
 // The simple HTTP client against a loopback server.
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "http_test.h"
 #include "trel_test.h"
@@ -110,6 +112,67 @@ TEST(CurlSimple, Bodies) {
         log.contains("[error] curl_simple.curl_simple_json(): Failed to dump json payload object"))
         << log.text();
     EXPECT_EQ(server.requests().size(), 7u);
+}
+
+// Only http and https are spoken, redirects stop at ten hops, and a body
+// goes along with its method through 301, 302 and 303.
+TEST(CurlSimple, RedirectsAndSchemes) {
+    using trel_test::HttpRequest;
+    using trel_test::HttpResponse;
+    HttpServer server([](const HttpRequest &r) -> HttpResponse {
+        std::string path = r.line.substr(r.line.find(' ') + 1);
+        path.resize(path.find(' '));
+        if (path == "/loop") return {302, "", {{"Location", "/loop"}}};
+        if (path == "/to-ftp") return {302, "", {{"Location", "ftp://127.0.0.1:1/x"}}};
+        if (path.size() == 4 && path[1] == '3') return {atoi(&path[1]), "", {{"Location", "/to"}}};
+        return {200, "done"};
+    });
+    std::string dir = trel_test::make_temp_dir();
+    trel_test::write_file(dir + "/secret", "secret\n");
+    const std::string body = "payload=1";
+    const std::vector<std::string> loop(11, "GET /loop HTTP/1.1");  // the first and ten more
+    const struct {
+        const char *what;
+        int method;  // index into curl_simple_method_str
+        std::string url;
+        CURLcode rc;
+        std::vector<std::string> lines;  // requests the server saw
+    } rows[] = {
+        {"local file", 0, "file://" + dir + "/secret", CURLE_UNSUPPORTED_PROTOCOL, {}},
+        {"redirect to ftp",
+         0,
+         server.url("/to-ftp"),
+         CURLE_UNSUPPORTED_PROTOCOL,
+         {"GET /to-ftp HTTP/1.1"}},
+        {"redirect loop", 0, server.url("/loop"), CURLE_TOO_MANY_REDIRECTS, loop},
+        {"POST 301", 1, server.url("/301"), CURLE_OK, {"POST /301 HTTP/1.1", "POST /to HTTP/1.1"}},
+        {"POST 302", 1, server.url("/302"), CURLE_OK, {"POST /302 HTTP/1.1", "POST /to HTTP/1.1"}},
+        {"POST 303", 1, server.url("/303"), CURLE_OK, {"POST /303 HTTP/1.1", "POST /to HTTP/1.1"}},
+        {"PUT 301", 2, server.url("/301"), CURLE_OK, {"PUT /301 HTTP/1.1", "PUT /to HTTP/1.1"}},
+        {"PUT 302", 2, server.url("/302"), CURLE_OK, {"PUT /302 HTTP/1.1", "PUT /to HTTP/1.1"}},
+        {"PUT 303", 2, server.url("/303"), CURLE_OK, {"PUT /303 HTTP/1.1", "PUT /to HTTP/1.1"}},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.what);
+        size_t before = server.requests().size();
+        Response resp(100);
+        const char *url = r.url.c_str();
+        CURLcode rc =
+            r.method == 0 ? curl_simple_get(url, 0, nullptr, resp.r)
+            : r.method == 1
+                ? curl_simple_post(url, 0, nullptr, body.data(), (long)body.size(), resp.r)
+                : curl_simple_put(url, 0, nullptr, body.data(), (long)body.size(), resp.r);
+        EXPECT_EQ(rc, r.rc);
+        EXPECT_EQ(resp.body(), rc == CURLE_OK ? "done" : "");
+        auto reqs = server.requests();
+        std::vector<std::string> lines;
+        for (size_t i = before; i < reqs.size(); i++) {
+            lines.push_back(reqs[i].line);
+            EXPECT_EQ(reqs[i].body, r.method == 0 ? "" : body) << reqs[i].line;
+        }
+        EXPECT_EQ(lines, r.lines);
+    }
+    trel_test::remove_tree(dir);
 }
 
 TEST(CurlSimple, BodyCap) {

@@ -75,6 +75,37 @@ const struct {
     {"http://h\xc3\xa9.lan/", "NULL"},
     {"http://h.lan/\xff", "NULL"},
     {"", "NULL"},
+    // Texts libcurl would send elsewhere or refuse: control bytes, spaces and
+    // DEL anywhere; in the authority a '#', a second '@', a zone or any text
+    // after the brackets but a port, an empty host before ':', a character no
+    // host name holds.
+    {"http://127.0.0.1#@127.0.0.2:8080/", "NULL"},
+    {"http://h.lan#f", "NULL"},
+    {"http://a b.lan/", "NULL"},
+    {"http://h\t.lan/", "NULL"},
+    {"http://h.lan\r\n/", "NULL"},
+    {"http://h.lan/a\x01", "NULL"},
+    {"http://h.lan/a b", "NULL"},
+    {"http://h.lan/\x7f", "NULL"},
+    {"http://a@b@c/", "NULL"},
+    {"http://[::1]x/", "NULL"},
+    {"http://[::1]:80:90/", "NULL"},
+    {"http://[::1]5:8080/", "NULL"},
+    {"http://[fe80::1%25eth0]/", "NULL"},
+    {"http://:80/", "NULL"},
+    {"http://u@:80/", "NULL"},
+    {"http://h%2elan/", "NULL"},
+    {"http://h!.lan/", "NULL"},
+    // A host with ':' is an IPv6 literal or nothing.
+    {"http://cafe:80/", "NULL"},
+    {"http://1:2/", "NULL"},
+    {"http://[fe80::1::2]/", "NULL"},
+    // Still read as before: '#' and '%' after the authority or in the user
+    // information, an empty port after the brackets, "::" leading a literal.
+    {"http://u%40x:p@h.lan/a#b%20", "http u%40x:p h.lan 80 /a#b%20 00 http://u%40x:p@h.lan/a#b%20"},
+    {"http://[::1]:/", "http - ::1 80 / 01 http://[::1]/"},
+    {"http://::/", "http - :: 80 / 01 http://[::]/"},
+    {"http://my_host-1.lan~/", "http - my_host-1.lan~ 80 / 00 http://my_host-1.lan~/"},
 };
 
 TEST(Url, Parse) {

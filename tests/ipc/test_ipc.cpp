@@ -1,6 +1,8 @@
 // Local IPC: Unix-domain sockets, framed messages, lock files, averages.
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -20,6 +22,21 @@ extern "C" unsigned int sleep(unsigned int seconds) {
     slept += seconds;
     if (on_sleep) on_sleep();
     return 0;
+}
+
+static int polls = 0;                   // waits for readiness
+static std::function<void()> on_ppoll;  // runs at every wait, before it
+
+// Stands in for the C library's ppoll in the framed messages: counts the waits.
+extern "C" int ppoll(struct pollfd *fds, nfds_t n, const struct timespec *timeout,
+                     const sigset_t *mask) {
+    using Ppoll = int (*)(struct pollfd *, nfds_t, const struct timespec *, const sigset_t *);
+    static auto real = reinterpret_cast<Ppoll>(dlsym(RTLD_NEXT, "ppoll"));
+    ++polls;
+    int saved = errno;
+    if (on_ppoll) on_ppoll();
+    errno = saved;
+    return real(fds, n, timeout, mask);
 }
 
 namespace {
@@ -178,6 +195,70 @@ TEST_F(Ipc, ChunksAndTimeouts) {
         log.contains("[warn ] sk_msg.req_recv(): Select() timeout fd " + std::to_string(fd[0])));
 }
 
+// Sends and receives are tried first: they wait only on a full or an empty
+// socket, and then go on where they stopped.
+TEST_F(Ipc, WaitsOnlyWhenTheSocketIsFullOrEmpty) {
+    LogCapture log;
+    std::string text = pattern(40000);
+    sk_msg msg = message(3, text);
+    auto send_raw = [&] {
+        std::string h = header(3, 40000);
+        ASSERT_EQ(send(fd[0], h.data(), 8, 0), 8);
+        for (size_t at = 0; at < text.size(); at += 16384) {
+            size_t n = std::min<size_t>(16384, text.size() - at);
+            ASSERT_EQ(send(fd[0], text.data() + at, n, 0), (ssize_t)n);
+        }
+    };
+
+    // Room to send and everything queued to receive: no wait.
+    polls = 0;
+    EXPECT_EQ(sk_msg_send(fd[0], &msg, 1), 40000);
+    EXPECT_EQ(sk_msg_recv(fd[1], &in, 1), 40000);
+    EXPECT_EQ(received(), text);
+    send_raw();
+    got->reset(got);
+    EXPECT_EQ(sk_msg_recvfrom(fd[1], &in, addr, &fromlen), 40000);
+    EXPECT_EQ(received(), text);
+    EXPECT_EQ(polls, 0);
+
+    // Nothing queued yet: one wait, for the header; the message sent
+    // meanwhile arrives whole.
+    on_ppoll = [&] {
+        on_ppoll = nullptr;
+        send_raw();
+    };
+    got->reset(got);
+    EXPECT_EQ(sk_msg_recv(fd[1], &in, 1), 40000);
+    EXPECT_EQ(polls, 1);
+    EXPECT_EQ(received(), text);
+
+    // A 1 MiB body fills the socket part-way: the send waits only then, while
+    // the reader takes what is queued, and completes with every chunk in
+    // order and errno as it was.
+    std::string big = pattern(1 << 20);
+    msg = message(4, big);
+    std::vector<std::string> seen;
+    size_t queued_at_first_wait = 0;
+    on_ppoll = [&] {
+        std::vector<std::string> queued = drain(fd[1]);
+        if (polls == 1) queued_at_first_wait = queued.size();
+        seen.insert(seen.end(), queued.begin(), queued.end());
+    };
+    polls = 0;
+    errno = EDOM;
+    EXPECT_EQ(sk_msg_send(fd[0], &msg, 1), 1 << 20);
+    EXPECT_EQ(errno, EDOM);
+    on_ppoll = nullptr;
+    std::vector<std::string> rest = drain(fd[1]);
+    seen.insert(seen.end(), rest.begin(), rest.end());
+    EXPECT_GE(polls, 1);
+    EXPECT_GE(queued_at_first_wait, 2u);  // the header and a chunk at least
+    std::vector<std::string> want{header(4, 1 << 20)};
+    for (size_t at = 0; at < big.size(); at += 16384) want.push_back(big.substr(at, 16384));
+    EXPECT_EQ(seen, want);
+    EXPECT_EQ(log.text(), "");
+}
+
 TEST_F(Ipc, BadInputAndVanishingPeers) {
     LogCapture log;
     int fds = open_fd_count();
@@ -209,12 +290,33 @@ TEST_F(Ipc, BadInputAndVanishingPeers) {
     for (std::string f : {"send", "sendto", "recv", "recvfrom"})
         EXPECT_TRUE(log.contains("[error] sk_msg.sk_msg_" + f + "(): Invalid parameter"));
 
-    // A descriptor that is not open fails in the wait.
+    // A descriptor that is not open fails in the wait (recv silently).
     int bad = 900;
     while (fcntl(bad, F_GETFD) != -1) bad--;
-    EXPECT_EQ(sk_msg_recvfrom(bad, &in, addr, &fromlen), -1);
-    EXPECT_TRUE(log.contains("[error] sk_msg.req_recv(): Select() error from fd " +
-                             std::to_string(bad) + "errno:9/"));
+    const struct {
+        const char *what;
+        std::function<int()> call;
+        std::string log;
+    } closed[] = {
+        {"send", [&] { return sk_msg_send(bad, &in, 1); },
+         "[error] sk_msg.send_nonblocking(): Select return -1! errno:9/"},
+        {"sendto", [&] { return sk_msg_sendto(bad, &in, addr, fromlen); },
+         "[error] sk_msg.sendto_nonblocking(): Select return -1! errno:9/"},
+        {"recv", [&] { return sk_msg_recv(bad, &in, 1); }, ""},
+        {"recvfrom", [&] { return sk_msg_recvfrom(bad, &in, addr, &fromlen); },
+         "[error] sk_msg.req_recv(): Select() error from fd " + std::to_string(bad) + "errno:9/"},
+    };
+    for (const auto &row : closed) {
+        SCOPED_TRACE(row.what);
+        log.clear();
+        errno = 0;
+        EXPECT_EQ(row.call(), -1);
+        EXPECT_EQ(errno, EBADF);
+        if (row.log.empty())
+            EXPECT_EQ(log.text(), "");
+        else
+            EXPECT_TRUE(log.contains(row.log)) << log.text();
+    }
 
     // A stream peer that has gone: an error, not SIGPIPE.
     int sv[2];

@@ -46,6 +46,7 @@ Bytes aes(bool enc, const uint8_t iv[16], const uint8_t *data, size_t n) {
 
 // A hand-built datagram, by default valid and encrypted under kKey.
 // pad_value -1 pads the usual way, else appends pad_value bytes of pad_value.
+// forged leaves the body in clear: what a sender without the key can make.
 struct Dgram {
     Bytes plain;
     uint16_t method = 1, type = 7, seq = 0x123;
@@ -53,6 +54,7 @@ struct Dgram {
     uint32_t magic = 0x22334455;
     int pad_value = -1;
     uint32_t crc_delta = 0;
+    bool forged = false;
     uint8_t iv[16] = {15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0};
 };
 
@@ -70,7 +72,7 @@ Bytes build(const Dgram &d) {
     out.insert(out.end(), d.iv, d.iv + 16);
     out.insert(out.end(), kMac, kMac + 6);
     put((uint32_t)d.seq << 4, 2), put(crc, 4);
-    if (!body.empty()) body = aes(true, d.iv, body.data(), body.size());
+    if (!body.empty() && !d.forged) body = aes(true, d.iv, body.data(), body.size());
     out.insert(out.end(), body.begin(), body.end());
     return out;
 }
@@ -190,6 +192,9 @@ TEST(Payload, HandBuiltAndGenerated) {
     Bytes w = build(d);
     Bytes flipped = w;  // bad CRC
     flipped[45] ^= 0x01;
+    Dgram f = d;  // "hello" and pad 1 in clear with their CRC: 6 bytes, not a whole block
+    f.pad_value = 1, f.forged = true;
+    Bytes forged = build(f);
     for (int level : {15, 16}) {  // the debug messages need more than 15
         libtrel_log_level = level;
         log.clear();
@@ -200,10 +205,12 @@ TEST(Payload, HandBuiltAndGenerated) {
             EXPECT_EQ(memcmp(out.data(), w.data(), 40), 0);
         }
         EXPECT_EQ(dec(flipped, out, c), 1);
+        EXPECT_EQ(dec(forged, out, c), 1);
         EXPECT_EQ(log.contains("libtrel.dec_payload(): packet length check fail"), level > 15);
-        EXPECT_EQ(log.contains("libtrel.dec_payload(): hdr=" + std::to_string((int)be32(&w[36])) +
-                               ", crc32="),
-                  level > 15);
+        for (const Bytes *b : {&w, &forged})
+            EXPECT_EQ(log.contains("libtrel.dec_payload(): hdr=" +
+                                   std::to_string((int)be32(&(*b)[36])) + ", crc32="),
+                      level > 15);
     }
     libtrel_log_level = 4;
 
@@ -229,6 +236,11 @@ TEST(Payload, HandBuiltAndGenerated) {
         {1, 32, [](Dgram &x) { x.plain.assign(32, 1), x.plain[31] = 5, x.pad_value = 0; }},
         {1, 16, [](Dgram &x) { x.plain.assign(16, 0x11), x.pad_value = 0; }},  // pad above length
         {2, 16, [](Dgram &x) { x.seq = 0x321, x.magic = 0; }},  // repeat checked before magic
+        // Forged without the key, at lengths the cipher refuses: never accepted.
+        {1, 1, [](Dgram &x) { x.plain.clear(), x.pad_value = 1, x.forged = true; }},
+        {1, 15, [](Dgram &x) { x.plain.assign(14, 'f'), x.pad_value = 1, x.forged = true; }},
+        {1, 17, [](Dgram &x) { x.plain.assign(16, 'f'), x.pad_value = 1, x.forged = true; }},
+        {1, 100, [](Dgram &x) { x.plain.assign(99, 'f'), x.pad_value = 1, x.forged = true; }},
     };
     c.last_seq = 0x321;
     for (const Row &r : rows) {
@@ -391,13 +403,15 @@ TEST(Network, ServiceAndClient) {
         Bytes big = build(Dgram{Bytes(470, 'B')});  // 520 bytes: cut to 512 on receipt
         Bytes bad = dgram(7, 2, "corrupt");
         bad[44] ^= 0x80;
-        for (const Bytes &b : {dgram(7, 1, "first"), dgram(7, 1, "again"), bad, big,
+        Dgram f{Bytes{'f', 'o', 'r', 'g', 'e', 'd'}, 7, 7, 9};  // in clear, CRC matching
+        f.pad_value = 1, f.forged = true;
+        for (const Bytes &b : {dgram(7, 1, "first"), dgram(7, 1, "again"), bad, build(f), big,
                                dgram(8, 3, "nobody"), dgram(5, 3, "five"), dgram(99, 4, "end")})
             send_local(b);
         EXPECT_TRUE(pump([] { return g_calls.size() >= 4; }));
         EXPECT_EQ(g_calls, (std::vector<std::string>{"a:first", "b:first", "c:five", "d:end"}));
         EXPECT_EQ(trel_protocol_ctrl.last_seq, 4);
-        EXPECT_EQ(count(log, "trel_protocol_recv(): failed to decrypt the message: 1"), 2u);
+        EXPECT_EQ(count(log, "trel_protocol_recv(): failed to decrypt the message: 1"), 3u);
         EXPECT_TRUE(log.contains("trel_protocol_recv(): [first"));
 
         size_t signals = 0;

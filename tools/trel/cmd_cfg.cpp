@@ -5,6 +5,7 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <unordered_set>
 
 #include <libtrel.h>
 #include <trel/cfg.h>
@@ -28,7 +29,12 @@ bool load(const std::string &file, CfgPtr &out) {
         return false;
     }
     out.reset(parse_stream(f));
+    int err = ferror(f) ? errno : 0;  // a directory opens, then fails to read
     fclose(f);
+    if (err != 0) {
+        trel_tool::fail("cannot read " + file + ": " + strerror(err));
+        return false;
+    }
     return true;
 }
 
@@ -136,16 +142,25 @@ int run_section(const CfgOptions &o, const std::string &prefix, const std::strin
     return 0;
 }
 
-// Exit status as diff(1): 0 identical, 1 different.
+// 0 whether or not the files differ, as every command: success is not a verdict.
 int run_diff(const std::string &file_a, const std::string &file_b) {
     CfgPtr a(nullptr, free_cfg), b(nullptr, free_cfg);
-    if (!load(file_a, a) || !load(file_b, b)) return 2;
+    if (!load(file_a, a) || !load(file_b, b)) return 1;
     cfg_entry *d = get_cfg_diff_it(a.get(), b.get());
+    // Nodes borrow their keys.  Those of a's entries are removed keys; those
+    // of b's are added when the reverse diff lists them as missing from a,
+    // else changed.  (A lookup in a per key would make this quadratic.)
+    std::unordered_set<const char *> from_a, added;
+    for (cfg_entry *e = a.get(); e != nullptr; e = e->next) from_a.insert(e->key);
+    cfg_entry *reverse = get_cfg_diff_it(b.get(), a.get());
+    for (cfg_entry *e = reverse; e != nullptr; e = e->next)
+        if (from_a.count(e->key) == 0) added.insert(e->key);
+    free_cfg_it(reverse);
     json_t *out = json_array();
     for (cfg_entry *e = d; e != nullptr; e = e->next) {
-        const char *change = get_value(a.get(), nullptr, "%s", e->key) == nullptr   ? "added"
-                             : get_value(b.get(), nullptr, "%s", e->key) == nullptr ? "removed"
-                                                                                    : "changed";
+        const char *change = from_a.count(e->key) != 0  ? "removed"
+                             : added.count(e->key) != 0 ? "added"
+                                                        : "changed";
         if (trel_tool::options().json) {
             json_t *o = entry_json(e);
             json_object_set_new(o, "change", json_string(change));
@@ -155,13 +170,12 @@ int run_diff(const std::string &file_a, const std::string &file_b) {
             std::cout << mark << " " << e->key << "=" << e->value << "\n";
         }
     }
-    int rc = d != nullptr ? 1 : 0;
     free_cfg_it(d);
     if (trel_tool::options().json)
         trel_tool::print_json(out);
     else
         json_decref(out);
-    return rc;
+    return 0;
 }
 
 int run_print(const CfgOptions &o) {

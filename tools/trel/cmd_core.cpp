@@ -67,7 +67,9 @@ int run_hexdump(const std::string &file) {
     char chunk[4096];
     size_t n;
     while ((n = fread(chunk, 1, sizeof chunk, f)) > 0) data.append(chunk, n);
+    int err = ferror(f) ? errno : 0;  // a directory opens, then fails to read
     fclose(f);
+    if (err != 0) return trel_tool::fail(file + ": " + strerror(err));
     // The logger writes to standard error; show its dump on standard output.
     fflush(stderr);
     int saved = dup(2);
@@ -96,7 +98,8 @@ void setup(CLI::App &app) {
     trel_tool::add_command(reduce, [path] { return run_reduce_path(*path); });
 
     auto dump = std::make_shared<std::string>();
-    auto *hexdump = app.add_subcommand("hexdump", "Hex dump of a file through the library's logger");
+    auto *hexdump =
+        app.add_subcommand("hexdump", "Hex dump of a file through the library's logger");
     hexdump->add_option("FILE", *dump)->required();
     trel_tool::add_command(hexdump, [dump] { return run_hexdump(*dump); });
 }

@@ -93,20 +93,22 @@ int run_base64_encode(const std::string &file, bool url) {
 int run_base64_decode(const std::string &file) {
     std::string text;
     if (!trel_tool::read_input(file, text)) return 1;
-    // Line breaks and blanks are dropped; the decoder stops at anything else
-    // outside the alphabets.
+    // Line breaks and blanks are dropped; anything else outside the alphabets
+    // is not Base64, except up to two '=' that complete the last group.
     text.erase(std::remove_if(text.begin(), text.end(), [](unsigned char c) { return isspace(c); }),
                text.end());
-    std::vector<uint8_t> out((size_t)base64_decode_len(text.c_str()));
-    base64_decode(out.data(), text.c_str());
     size_t n = 0;
     while (n < text.size() &&
            (isalnum((unsigned char)text[n]) || strchr("+/-_", text[n]) != nullptr))
         n++;
+    size_t pad = text.size() - n;
+    if (text.find_first_not_of('=', n) != std::string::npos || n % 4 == 1 || pad > 2 ||
+        (pad > 0 && (n + pad) % 4 != 0))
+        return trel_tool::fail("not Base64 at offset " + std::to_string(n));
+    std::vector<uint8_t> out((size_t)base64_decode_len(text.c_str()));
+    base64_decode(out.data(), text.c_str());
     size_t bytes = n / 4 * 3 + (n % 4 == 0 ? 0 : n % 4 - 1);
     std::string data((const char *)out.data(), bytes);
-    if (n < text.size() && text[n] != '=')
-        std::cerr << "trel: stopped at offset " << n << " (not Base64)\n";
     if (trel_tool::options().json)
         trel_tool::print_json(json_pack("{s:s, s:I}", "hex", to_hex(out.data(), bytes).c_str(),
                                         "size", (json_int_t)bytes));

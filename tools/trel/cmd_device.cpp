@@ -200,14 +200,20 @@ const char *env_name(int env) {
     }
 }
 
+// The counters come from /proc/net/dev, under --root from the snapshot; the
+// address, netmask, MAC, flags and link come from the live kernel's
+// interface of that name, so a snapshot's report leaves them out.
 json_t *interface_json(const std::string &ifname) {
     trel_dev_status st;
     int rc = fill_dev_status(ifname.c_str(), &st);
     if (rc != 0) return json_pack("{s:s, s:i}", "name", ifname.c_str(), "error", rc);
-    json_t *o =
-        json_pack("{s:s, s:b, s:s, s:s, s:s, s:b, s:b}", "name", st.name, "present", st.present,
-                  "hwaddr", mac_text(st.hwaddr).c_str(), "ipaddr", st.ipaddr_str, "netmask",
-                  st.netmask_str, "up", (st.flags & 1) != 0, "running", (st.flags & 0x40) != 0);
+    const bool live = trel_tool::options().root.empty();
+    json_t *o = json_pack("{s:s, s:b}", "name", st.name, "present", st.present);
+    if (live)
+        json_object_update_new(
+            o, json_pack("{s:s, s:s, s:s, s:b, s:b}", "hwaddr", mac_text(st.hwaddr).c_str(),
+                         "ipaddr", st.ipaddr_str, "netmask", st.netmask_str, "up",
+                         (st.flags & 1) != 0, "running", (st.flags & 0x40) != 0));
     json_object_set_new(
         o, "rx",
         json_pack("{s:I, s:I, s:I, s:I, s:I}", "bytes", (json_int_t)st.rx_bytes, "packets",
@@ -217,6 +223,7 @@ json_t *interface_json(const std::string &ifname) {
                         json_pack("{s:I, s:I, s:I, s:I}", "bytes", (json_int_t)st.tx_bytes,
                                   "packets", (json_int_t)st.tx_packets, "errors",
                                   (json_int_t)st.tx_errors, "dropped", (json_int_t)st.tx_dropped));
+    if (!live) return o;
     // Mb/s; 0 (no reading) and all ones (no link settings) show as unknown.
     json_object_set_new(
         o, "speed", st.speed == 0 || st.speed == UINT32_MAX ? json_null() : json_integer(st.speed));

@@ -1,13 +1,13 @@
 // trel: the library's services from a shell, on the live device or on a
 // captured snapshot (--root DIR).
+#include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <iostream>
-#include <iterator>
-#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -55,19 +55,30 @@ void print_json(json_t *value) {
 }
 
 bool read_input(const std::string &name, std::string &out) {
-    std::ostringstream s;
-    if (name.empty() || name == "-") {
-        s << std::cin.rdbuf();
-    } else {
-        std::ifstream in(name, std::ios::binary);
-        if (!in) {
-            fail("cannot read " + name);
-            return false;
-        }
-        s << in.rdbuf();
+    // read(2) rather than a stream, so that a directory or a read error is a
+    // failure with its reason and not an empty input.
+    bool std_in = name.empty() || name == "-";
+    const std::string shown = std_in ? "standard input" : name;
+    int fd = std_in ? 0 : open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        fail("cannot read " + shown + ": " + strerror(errno));
+        return false;
     }
-    out = s.str();
-    return true;
+    out.clear();
+    char chunk[65536];
+    ssize_t n;
+    int err = 0;
+    while ((n = read(fd, chunk, sizeof chunk)) != 0) {
+        if (n > 0) {
+            out.append(chunk, (size_t)n);
+        } else if (errno != EINTR) {
+            err = errno;
+            break;
+        }
+    }
+    if (!std_in) close(fd);
+    if (err != 0) fail("cannot read " + shown + ": " + strerror(err));
+    return err == 0;
 }
 
 int fail(const std::string &message) {
@@ -100,7 +111,7 @@ int main(int argc, char **argv) {
     } catch (const CLI::RuntimeError &e) {
         return e.get_exit_code();  // a hidden option that ended the run itself
     } catch (const CLI::ParseError &e) {
-        // --help exits 0; every parse error is bad usage.
+        // --help succeeds; anything else the command line gets wrong is bad usage.
         return app.exit(e) == 0 ? 0 : 2;
     }
 
