@@ -1,7 +1,12 @@
 # Compares the library's dynamic symbols with the export list and checks its
-# dynamic section.
-find_program(NM nm REQUIRED)
-find_program(READELF readelf REQUIRED)
+# dynamic section.  NM and READELF name the target's tools (default: the
+# host's nm and readelf).
+if(NOT NM)
+  find_program(NM nm REQUIRED)
+endif()
+if(NOT READELF)
+  find_program(READELF readelf REQUIRED)
+endif()
 
 execute_process(COMMAND ${NM} -D --defined-only ${LIB} OUTPUT_VARIABLE out RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)

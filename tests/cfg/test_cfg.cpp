@@ -316,7 +316,7 @@ TEST(CfgGetters, ValuesNumbersEnabledWordsAndDefaults) {
     // Base 0; "big" is cut to 32 bits.
     const std::pair<const char *, int> i32[] = {{"hex", 16},   {"oct", 8},      {"word", -7},
                                                 {"trail", 12}, {"missing", -7}, {"big", 1}};
-    for (const auto &[key, want] : i32) EXPECT_EQ(get_int32(cfg, -7, key), want) << key;
+    for (const auto &[key, want] : i32) EXPECT_EQ(get_int32(cfg, -7, "%s", key), want) << key;
     EXPECT_EQ(get_int32_dec(cfg, -7, "oct"), 10);
     EXPECT_EQ(get_uint32(cfg, 5, "umax"), UINT32_MAX);
     EXPECT_EQ(get_int64(cfg, 5, "i64"), -9000000000LL);

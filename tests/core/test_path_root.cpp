@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/filter.h>
+#include <linux/openat2.h>
 #include <linux/seccomp.h>
 #include <stddef.h>
 #include <string.h>
@@ -43,8 +44,19 @@ mode_t mode_of(const std::string &p) {
     return ::stat(p.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
+// Whether the kernel resolves paths with openat2 (Linux 5.6 and later; qemu's
+// user-mode emulation 7.2 lacks it).
+bool has_openat2() {
+    open_how how{};
+    how.flags = O_PATH | O_CLOEXEC;
+    int fd = (int)syscall(SYS_openat2, AT_FDCWD, "/", &how, sizeof how);
+    if (fd >= 0) close(fd);
+    return fd >= 0 || errno != ENOSYS;
+}
+
 // Makes openat2 fail with ENOSYS in this process, as on kernels before 5.6.
 void hide_openat2() {
+    if (!has_openat2()) return;  // already missing: no filter to install
     struct sock_filter filter[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat2, 0, 1),
@@ -446,6 +458,8 @@ void expect_plain_behaviour() {
 // Every escape, through every call that takes a path (the wrapper script has
 // a fixed one), lands inside the root; the outside file is never touched.
 TEST(PathRoot, EscapesLandInsideTheRoot) {
+    if (!has_openat2())
+        GTEST_SKIP() << "no openat2 here: WithoutOpenat2EscapesAreRefused covers it";
     const int fds = trel_test::open_fd_count();
     run_escapes(false);
     EXPECT_EQ(trel_test::open_fd_count(), fds);
@@ -465,7 +479,8 @@ TEST(PathRoot, WrappersActLikeThePlainCalls) {
         int err;
     } at_root[] = {
         {"rmdir /", [] { return trel::path_rmdir("/"); }, EBUSY},
-        {"rmdir /..", [] { return trel::path_rmdir("/.."); }, ENOTEMPTY},
+        // Without openat2 a ".." above the root is refused.
+        {"rmdir /..", [] { return trel::path_rmdir("/.."); }, has_openat2() ? ENOTEMPTY : EACCES},
         {"rename /", [] { return trel::path_rename("/", "/x"); }, EBUSY},
         {"unlink /", [] { return trel::path_unlink("/"); }, EISDIR},
         {"mkdir /", [] { return trel::path_mkdir("/", 0755); }, EEXIST},

@@ -38,10 +38,13 @@ TEST(Status, InterfaceCountersAndIoctls) {
               (std::vector<uint64_t>{1001, 1002, 1003, 1004, 1008, 2009, 2010, 2011, 16}));
     // The real loopback interface, which has no link settings.
     EXPECT_TRUE(st.flags & IFF_LOOPBACK);
+    const bool ethtool = trel_test::has_ethtool_ioctl();
     if (st.flags & IFF_UP) {
         EXPECT_EQ(st.ipaddr, htonl(INADDR_LOOPBACK));
         EXPECT_STREQ(st.netmask_str, "255.0.0.0");
-        EXPECT_EQ(get_ethtool_link_status("lo"), 1);
+        if (ethtool) {
+            EXPECT_EQ(get_ethtool_link_status("lo"), 1);
+        }
     }
     EXPECT_EQ(st.speed, 0u);
     EXPECT_EQ(st.duplex, 255u);
@@ -50,6 +53,7 @@ TEST(Status, InterfaceCountersAndIoctls) {
     EXPECT_EQ(st.present, 0u);
     EXPECT_STREQ(st.ipaddr_str, "0.0.0.0");
     EXPECT_EQ(get_ethtool_link_status("nosuch0"), -1);
+    if (!ethtool) GTEST_SKIP() << "no SIOCETHTOOL here (qemu-user): lo's link status not checked";
 }
 
 TEST(Status, ReplaceIfname) {

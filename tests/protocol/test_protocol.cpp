@@ -335,7 +335,10 @@ TEST(Init, FailuresAndSuccess) {
             {cfg, "", -1, "Unable to access /tmp/system.cfg: No such file"},
             {cfg, settings(key, ""), -1, "no morna.mcip"},
         };
+        const bool mcast_if = trel_test::has_multicast_if();
         for (const Case &k : cases) {
+            // Without IP_MULTICAST_IF the set-up fails one step earlier.
+            if (!mcast_if && k.message.rfind("set multicast socket", 0) == 0) continue;
             root.remove(k.file);
             if (!k.settings.empty()) root.write(k.file, k.settings);
             log.clear();
@@ -376,6 +379,8 @@ TEST(Init, FailuresAndSuccess) {
         EXPECT_EQ(trel_protocol_ctrl.sock, -1);
         EXPECT_EQ(trel_test::open_fd_count(), fds);
     });
+    if (!trel_test::has_multicast_if())
+        GTEST_SKIP() << "no IP_MULTICAST_IF here (qemu-user): the multicast set-up case not run";
 }
 
 // Datagrams sent to 127.0.0.1:48000 reach the handlers inside the loop; then,
@@ -383,7 +388,8 @@ TEST(Init, FailuresAndSuccess) {
 // client's mesh-halt is captured on the wire of "br0".
 TEST(Network, ServiceAndClient) {
     const bool ns = system("unshare -n true >/dev/null 2>&1") == 0;
-    trel_test::run_in_child([ns] {
+    const bool mcast_if = trel_test::has_multicast_if();
+    trel_test::run_in_child([ns, mcast_if] {
         ASSERT_TRUE(!ns || enter_netns());
         Device root;
         root.write("/var/run/trel_protocol.info", settings(kKeyHex, kGroup));
@@ -415,7 +421,7 @@ TEST(Network, ServiceAndClient) {
             return pump([&] { return count(log, "Get DHCP IP") == signals; });
         };
         ASSERT_TRUE(usr1());  // no bridge address yet: nothing happens
-        if (ns) {
+        if (ns && mcast_if) {
             for (const char *cmd : {"link add d1 up type bridge", "link add d2 up type bridge",
                                     "addr add 10.1.0.1/24 dev d1", "addr add 10.2.0.1/24 dev d2",
                                     "route add 239.0.0.0/8 dev d1"})
@@ -446,7 +452,7 @@ TEST(Network, ServiceAndClient) {
         EXPECT_TRUE(record_is_reset());
         event_base_free(g_base);
         EXPECT_EQ(trel_test::open_fd_count(), fds);
-        if (!ns) return;
+        if (!ns || !mcast_if) return;
 
         root.write("/tmp/system.cfg", settings(kKeyHex, kGroup));
         ASSERT_EQ(trel_protocol_client_init(), 0);
@@ -472,4 +478,7 @@ TEST(Network, ServiceAndClient) {
         EXPECT_EQ(Bytes(&d[40], &d[56]), Bytes(want, want + 16));
     });
     if (!ns) GTEST_SKIP() << "the membership and capture parts need root for a network namespace";
+    if (!mcast_if)
+        GTEST_SKIP()
+            << "no IP_MULTICAST_IF here (qemu-user): the membership and capture parts not run";
 }

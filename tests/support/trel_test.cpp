@@ -1,8 +1,16 @@
 #include "trel_test.h"
 
 #include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <ftw.h>
+#include <linux/ethtool.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -184,6 +192,29 @@ void run_in_child(const std::function<void()> &fn) {
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     ASSERT_TRUE(WIFEXITED(status)) << "child ended by signal " << WTERMSIG(status);
     EXPECT_EQ(WEXITSTATUS(status), 0) << "the child case failed (see its output above)";
+}
+
+bool has_multicast_if() {
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return true;  // nothing to tell: let the case run
+    in_addr any{};            // INADDR_ANY: back to the default interface
+    bool ok =
+        setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &any, sizeof any) == 0 || errno != ENOPROTOOPT;
+    close(fd);
+    return ok;
+}
+
+bool has_ethtool_ioctl() {
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return true;
+    ethtool_value link{};
+    link.cmd = ETHTOOL_GLINK;
+    ifreq ifr{};
+    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
+    ifr.ifr_data = reinterpret_cast<char *>(&link);
+    bool ok = ioctl(fd, SIOCETHTOOL, &ifr) == 0 || (errno != ENOTTY && errno != ENOSYS);
+    close(fd);
+    return ok;
 }
 
 }  // namespace trel_test

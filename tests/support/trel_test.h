@@ -97,4 +97,11 @@ void remove_tree(const std::string &path);
 // Number of open file descriptors of this process.
 int open_fd_count();
 
+// Interfaces that qemu's user-mode emulation does not translate (seen with
+// qemu 7.2): the system call reaches no kernel and fails with ENOPROTOOPT,
+// ENOTTY or ENOSYS.  Probed, never guessed; a case that needs a missing one
+// skips with a message, and a native run never skips.
+bool has_multicast_if();   // setsockopt IP_MULTICAST_IF
+bool has_ethtool_ioctl();  // the SIOCETHTOOL ioctl
+
 }  // namespace trel_test

@@ -104,9 +104,12 @@ int main(int argc, char **argv) {
     app.add_flag("--syslog", syslog, "Send library messages to syslog instead of standard error");
 
     for (Setup setup : setups()) setup(app);
+    add_doc_options(app);
 
     try {
         app.parse(argc, argv);
+    } catch (const CLI::RuntimeError &e) {
+        return e.get_exit_code();  // a hidden option that ended the run itself
     } catch (const CLI::ParseError &e) {
         // --help succeeds; anything else the command line gets wrong is bad usage.
         return app.exit(e) == 0 ? 0 : 2;

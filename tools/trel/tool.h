@@ -13,8 +13,8 @@ namespace trel_tool {
 
 // Global options, valid once the command line is parsed.
 struct Options {
-    bool json = false;   // structured output as JSON
-    std::string root;    // LIBTREL_ROOT, empty for the live system
+    bool json = false;  // structured output as JSON
+    std::string root;   // LIBTREL_ROOT, empty for the live system
 };
 const Options &options();
 
@@ -34,6 +34,11 @@ void print_json(json_t *value);
 bool read_input(const std::string &name, std::string &out);
 // Prints "trel: message" on standard error and returns 1.
 int fail(const std::string &message);
+
+// Adds the hidden options --man-page FILE and --bash-completion FILE, which
+// write the man page and the bash completion generated from app's command
+// tree (add them once every command is registered).
+void add_doc_options(CLI::App &app);
 
 }  // namespace trel_tool
 

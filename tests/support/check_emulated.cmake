@@ -1,0 +1,67 @@
+# In a cross build, finds the programs of the build that a test would start
+# without the emulator: a test command or shell text, or a path compiled into
+# a test program, that names one of the build's ELF files anywhere but right
+# after the emulator's arguments.  Such a test fails to exec the program, and
+# as an expected failure would even pass.  trel_runnable() gives the command
+# that works.
+#   cmake -DBUILD=<build dir> -DEMULATOR=<emulator;args> -P check_emulated.cmake
+string(REGEX REPLACE "([][+.*()^$?|\\\\])" "\\\\\\1" build_re "${BUILD}")
+list(GET EMULATOR -1 emulator_last)
+set(raw "")
+
+# An ELF file of the build named by path, other than a shared library.
+function(is_program path out)
+  set(${out} FALSE PARENT_SCOPE)
+  if(EXISTS "${path}" AND NOT IS_DIRECTORY "${path}" AND NOT path MATCHES "\\.so(\\.[0-9]+)*$")
+    file(READ "${path}" magic LIMIT 4 HEX)
+    if(magic STREQUAL "7f454c46")
+      set(${out} TRUE PARENT_SCOPE)
+    endif()
+  endif()
+endfunction()
+
+file(GLOB_RECURSE testfiles "${BUILD}/CTestTestfile.cmake")
+set(tests 0)
+foreach(testfile IN LISTS testfiles)
+  file(STRINGS "${testfile}" lines REGEX "^add_test\\(")
+  foreach(line IN LISTS lines)
+    math(EXPR tests "${tests} + 1")
+    string(REGEX MATCH "^add_test\\(\\[=\\[([^]]*)\\]=\\]" _ "${line}")
+    set(name "${CMAKE_MATCH_1}")
+    string(REGEX MATCHALL "\"([^\"\\\\]|\\\\.)*\"" args "${line}")
+    set(previous "")
+    foreach(arg IN LISTS args)
+      string(REGEX REPLACE "^\"(.*)\"$" "\\1" arg "${arg}")
+      string(REGEX MATCHALL "${build_re}/[^ \"'\\\\;|&<>()]*" paths "${arg}")
+      foreach(path IN LISTS paths)
+        is_program("${path}" program)
+        if(program AND NOT (path STREQUAL arg AND previous STREQUAL emulator_last))
+          list(APPEND raw "test ${name}: ${path}")
+        endif()
+      endforeach()
+      set(previous "${arg}")
+    endforeach()
+  endforeach()
+endforeach()
+
+if(EXISTS "${BUILD}/compile_commands.json")
+  file(STRINGS "${BUILD}/compile_commands.json" commands REGEX "-D[A-Za-z0-9_]+=")
+  foreach(command IN LISTS commands)
+    string(REGEX MATCHALL "-D[A-Za-z0-9_]+=[^ ]*${build_re}/[^ \"'\\\\]*" defines "${command}")
+    foreach(define IN LISTS defines)
+      string(REGEX MATCH "${build_re}/[^ \"'\\\\]*" path "${define}")
+      is_program("${path}" program)
+      if(program)
+        string(REGEX MATCH "^-D[A-Za-z0-9_]+" macro "${define}")
+        list(APPEND raw "compiled in as ${macro}: ${path}")
+      endif()
+    endforeach()
+  endforeach()
+endif()
+
+list(REMOVE_DUPLICATES raw)
+if(raw)
+  list(JOIN raw "\n  " raw)
+  message(FATAL_ERROR "programs started without the emulator (use trel_runnable()):\n  ${raw}")
+endif()
+message(STATUS "${tests} tests checked: none starts a program of the build without the emulator")
