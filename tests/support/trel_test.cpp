@@ -118,7 +118,7 @@ bool TempRoot::exists(const std::string &logical) const {
 
 std::string TempRoot::read(const std::string &logical) const { return read_file(path(logical)); }
 
-LogCapture::LogCapture() : saved_syslog_(libtrel_log_use_syslog) {
+LogCapture::LogCapture() {
     std::string dir = make_temp_dir();
     file_ = dir + "/stderr";
     int fd = ::open(file_.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -133,7 +133,6 @@ LogCapture::~LogCapture() {
     fflush(stderr);
     dup2(saved_fd_, 2);
     ::close(saved_fd_);
-    libtrel_log_use_syslog = saved_syslog_;
     std::string dir = file_.substr(0, file_.rfind('/'));
     remove_tree(dir);
 }

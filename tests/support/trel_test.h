@@ -41,8 +41,26 @@ private:
     bool had_saved_ = false;
 };
 
+// Restores the log level and the syslog switch when it goes out of scope,
+// also when an assertion ends the test early.  With a level, sets it too.
+class LogSettings {
+public:
+    LogSettings() = default;
+    explicit LogSettings(uint32_t level) { libtrel_log_level = level; }
+    ~LogSettings() {
+        libtrel_log_level = level_;
+        libtrel_log_use_syslog = syslog_;
+    }
+    LogSettings(const LogSettings &) = delete;
+    LogSettings &operator=(const LogSettings &) = delete;
+
+private:
+    uint32_t level_ = libtrel_log_level;
+    int32_t syslog_ = libtrel_log_use_syslog;
+};
+
 // Captures everything written to file descriptor 2 while alive, with the
-// logger forced onto standard error.
+// logger forced onto standard error.  Restores the log settings on exit.
 class LogCapture {
 public:
     LogCapture();
@@ -59,8 +77,8 @@ public:
     void clear();
 
 private:
+    LogSettings settings_;
     int saved_fd_ = -1;
-    int32_t saved_syslog_;
     std::string file_;
 };
 
