@@ -24,6 +24,7 @@
 #include <trel/net.h>
 
 #include "device/model_data.h"
+#include "join.h"
 #include "trel_test.h"
 
 using trel_test::LogCapture;
@@ -624,13 +625,11 @@ void live_checks() {
               v1p = ifindex("v1p");
     const uint8_t br0_mac[6] = {2, 0, 0, 0, 0x0b, 0}, eth0_mac[6] = {2, 0, 0, 0, 0xe0, 0};
 
-    // Interface ioctls.
-    uint32_t u = 0;
-    EXPECT_EQ(get_iface_index("uplink_port_015XYZ", &u), 0);  // cut to 15 characters
-    EXPECT_EQ(int(u), ifindex("uplink_port_015"));
-    EXPECT_EQ(get_iface_ip("br0", &u), 0);
-    EXPECT_EQ(u, inet_addr("10.0.0.1"));
-    EXPECT_EQ(str(iface_is_up("br0")) + str(iface_is_up("v1p")), "10");
+    // Interface ioctls; a name is cut to 15 characters.
+    uint32_t u = 0, ip = 0, index = 0, br = 0, eth = 0;
+    EXPECT_EQ(JOIN(get_iface_index("uplink_port_015XYZ", &index), get_iface_ip("br0", &ip),
+                   iface_is_up("br0"), iface_is_up("v1p"), index, le32(ip)),
+              JOIN(0, 0, 1, 0, ifindex("uplink_port_015"), le32(inet_addr("10.0.0.1"))));
     EXPECT_EQ(set_iface_ip("v1p", "10.7.0.1"), 0);
     EXPECT_TRUE(has(sh("ip -4 -o addr show dev v1p"), "inet 10.7.0.1/8"));
     EXPECT_EQ(set_iface_ip("v1p", "not-an-address"), 0);  // 0.0.0.0 removes the address
@@ -638,21 +637,19 @@ void live_checks() {
     uint8_t mac[6];
     EXPECT_EQ(devhwaddr_get(mac), 0);
     EXPECT_EQ(hex(mac, 6), hex(eth0_mac, 6));  // eth0 first
-    EXPECT_EQ(devifindex_get_hwaddr(&u, br0_mac), 0);
-    EXPECT_EQ(int(u), br0);
+    EXPECT_EQ(
+        JOIN(devifindex_get_hwaddr(&br, br0_mac), devifindex_get_hwaddr(&eth, eth0_mac), br, eth),
+        JOIN(0, 0, br0, eth0));
     // Only the first 10 addresses count: eth0's falls out behind eight more of br0.
-    EXPECT_EQ(devifindex_get_hwaddr(&u, eth0_mac), 0);
-    EXPECT_EQ(int(u), eth0);
     for (int i = 11; i <= 18; i++) run("ip addr add 10.0.0." + str(i) + "/24 dev br0");
     EXPECT_EQ(devifindex_get_hwaddr(&u, eth0_mac), -ECHILD);
     for (int i = 11; i <= 18; i++) run("ip addr del 10.0.0." + str(i) + "/24 dev br0");
 
     // Gateway, ARP and neighbours.
-    char text[32];
-    EXPECT_EQ(get_gateway(text, &u, sizeof text), 1);
-    EXPECT_EQ(std::string(text) + " " + le32(u), "10.0.0.254 " + le32(inet_addr("10.0.0.254")));
-    EXPECT_EQ(get_gateway_mac(text, sizeof text), 1);
-    EXPECT_STREQ(text, "02:00:00:00:0f:fe");
+    char text[32], gwmac[32];
+    EXPECT_EQ(JOIN(get_gateway(text, &u, sizeof text), text, le32(u),
+                   get_gateway_mac(gwmac, sizeof gwmac), gwmac),
+              JOIN(1, "10.0.0.254", le32(inet_addr("10.0.0.254")), 1, "02:00:00:00:0f:fe"));
     EXPECT_EQ(add_ip_neigh_entry("br0", "10.0.0.77"), 0);
     EXPECT_NE(sh("ip neigh show 10.0.0.77 dev br0"), "");
     ASSERT_TRUE(run("ip route del default via 10.0.0.254 dev br0"));
@@ -660,18 +657,16 @@ void live_checks() {
     EXPECT_STREQ(get_default_gw_interface(), "eth0");
 
     // Links and addresses over rtnetlink.
-    EXPECT_EQ(str(interface_is_up(br0)) + str(interface_is_up(v1p)), "0-1");
     uint32_t addr = 0, mask = 0;
-    EXPECT_EQ(interface_get_ipaddress(eth0, &addr, &mask), 0);
-    EXPECT_EQ(le32(addr) + "/" + le32(mask), le32(host("10.9.0.1")) + "/" + le32(0xFFFF0000u));
-    EXPECT_EQ(str(eth_discover_possible(br0, v1p, 0)) + " " +
-                  str(eth_discover_possible(br0, br0, host("10.0.0.9"))) + " " +
-                  str(eth_discover_possible(br0, v0, 0)) + " " +
-                  str(eth_discover_possible(br0, eth0, host("10.0.0.9"))) + " " +
-                  str(eth_discover_possible(br0, ifindex("v0p"), host("1.1.1.1"))) + " " +
-                  str(eth_discover_possible(br0, eth0, host("1.1.1.1"))),
-              str(-ENETDOWN) + " 0 " + str(-ENODEV) + " " + str(-EADDRNOTAVAIL) + " " +
-                  str(-EADDRNOTAVAIL) + " 0");
+    EXPECT_EQ(JOIN(interface_is_up(br0), interface_is_up(v1p),
+                   interface_get_ipaddress(eth0, &addr, &mask), le32(addr), le32(mask)),
+              JOIN(0, -1, 0, le32(host("10.9.0.1")), le32(0xFFFF0000u)));
+    EXPECT_EQ(
+        JOIN(eth_discover_possible(br0, v1p, 0), eth_discover_possible(br0, br0, host("10.0.0.9")),
+             eth_discover_possible(br0, v0, 0), eth_discover_possible(br0, eth0, host("10.0.0.9")),
+             eth_discover_possible(br0, ifindex("v0p"), host("1.1.1.1")),
+             eth_discover_possible(br0, eth0, host("1.1.1.1"))),
+        JOIN(-ENETDOWN, 0, -ENODEV, -EADDRNOTAVAIL, -EADDRNOTAVAIL, 0));
 
     // Removal of a forwarding entry, and only of that one.
     EXPECT_EQ(fdb_delneigh(kMac, "v0"), 0);
@@ -680,16 +675,12 @@ void live_checks() {
     EXPECT_TRUE(has(fdb, "02:00:00:00:00:12 dev v1")) << fdb;
 
     // The uplink fallback: the first of eth0, bond0, eth1 that is up.
-    {
-        TempRoot root;
-        char out[16] = "keep";
-        EXPECT_EQ(get_uplink_device(out, sizeof out), 0);
-        EXPECT_STREQ(out, "eth0");
-        run("ip link set eth0 down");
-        strcpy(out, "keep");
-        EXPECT_EQ(get_uplink_device(out, sizeof out), 0);
-        EXPECT_STREQ(out, "keep");
-    }
+    TempRoot root;
+    char out[16] = "keep", out2[16] = "keep";
+    EXPECT_EQ(get_uplink_device(out, sizeof out), 0);
+    run("ip link set eth0 down");
+    EXPECT_EQ(get_uplink_device(out2, sizeof out2), 0);
+    EXPECT_EQ(JOIN(out, out2), "eth0 keep");
     EXPECT_EQ(trel_test::open_fd_count(), fds);
 }
 
