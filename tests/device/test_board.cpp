@@ -89,9 +89,10 @@ TEST(Board, KnownBoardFilledFromSystemInfo) {
         EXPECT_EQ(memcmp(out, "\x2A\x7E\x30\xC3\xD4\xE5", 6), 0);
         EXPECT_EQ(board_get_cpu_mac(nullptr), -1);
         // Eight PoE ports without a main label, then the "Main" SFP port.
-        EXPECT_EQ(JOIN(get_main_phy_idx(), get_main_phy_port_id(), get_phy_port_id_by_idx(25),
-                       get_phy_port_id_by_idx(99), get_num_of_eth_ports(), morna_get_hw_board_id()),
-                  JOIN(24, 9, 10, -1, 10, 0x43600));
+        EXPECT_EQ(JOIN(get_main_phy_idx(), get_main_phy_port_id(), get_phy_port_id_by_idx(0),
+                       get_phy_port_id_by_idx(25), get_phy_port_id_by_idx(99),
+                       get_num_of_eth_ports(), morna_get_hw_board_id()),
+                  JOIN(24, 9, 1, 10, -1, 10, 0x43600));
         EXPECT_STREQ(morna_identify_platform("HRB-SW-P"), "Harbor SW-P");
         EXPECT_EQ(board_identify_platform("HRB-SW"), nullptr);
 
@@ -110,7 +111,7 @@ TEST(Board, DriverFileRules) {
     root.write(kInfo, "vendorid=0x1111\nsystemid=0x2222\ngarbage\nvendorid=7a1e\n");
     EXPECT_EQ(board_identify_ids(&vendor, &system), 0);
     EXPECT_EQ(JOIN(vendor, system), JOIN(0x7A1E, 0x2222));  // the last line wins
-    root.write(kInfo, "vendorid=0x7a1e\n");
+    root.write(kInfo, "vendorid=0x7a1e\nother=1\n");
     EXPECT_EQ(board_identify_ids(&vendor, &system), -1);
 
     // Another maker's vendor id, or a system id not in the table.
@@ -141,6 +142,14 @@ TEST(Board, DriverFileRules) {
                    arch_name_to_type("ar2313", 6), arch_name_to_type("ar933", 5),
                    arch_name_to_type("ar933xy", 7)),
               "4 2 0 43 43");
+
+    // No outlets or power supplies in this build.
+    json_t *o = json_object();
+    EXPECT_EQ(JOIN(trel_outlet_get_outlet_status_json() == nullptr,
+                   trel_outlet_status_update_json_payload(o), trel_psu_get_json_psu_table(o),
+                   json_object_size(o)),
+              "1 0 0 0");
+    json_decref(o);
 }
 
 TEST(Board, UnknownBoardFromPciBus) {
@@ -234,12 +243,12 @@ TEST(Board, CraftedRecordsAndPredicates) {
         EXPECT_EQ(get_main_phy_idx(), 7);
 
         std::string poe;
-        for (auto [budget, reserved] : {std::pair{0, 0}, {20, 25}, {20, 20}, {20, 5}}) {
+        for (auto [budget, reserved] : {std::pair{0, 0}, {20, 25}, {20, 20}, {20, 5}, {1, 0}}) {
             b.poe_budget = budget;
             b.poe_reserved = reserved;
             poe += JOIN(board_get_poe_budget(), board_has_poe()) + "|";
         }
-        EXPECT_EQ(poe, "0 0|0 0|0 0|15 1|");
+        EXPECT_EQ(poe, "0 0|0 0|0 0|15 1|1 1|");
 
         b.fw_compat = 0x090909;
         EXPECT_EQ(morna_board_is_beta_firmware(&b), 1);

@@ -236,6 +236,10 @@ TEST_F(Net, DumpReplies) {
         {"datagram shorter than a header", {Bytes(10)}, up, "-1"},
         {"no reply", {}, up, "-1"},
         {"index 0 is refused", {link_msg(0, IFF_UP)}, [] { return str(interface_is_up(0)); }, "-1"},
+        {"an address after a link",
+         {cat({link_msg(5, IFF_UP), address(5, 16, local)})},
+         addr,
+         "0 0a010203/ffff0000"},
         {"first local address",
          {address(5, 24, cat({attr(IFA_ADDRESS, ipv4("9.9.9.9")), local}))},
          addr,
@@ -354,7 +358,10 @@ TEST_F(Net, NetmasksAndAddresses) {
     EXPECT_EQ(str(ip_belongs_to_subnet(0x0A000005, 0x0A000000, 0xFFFFFF00)) +
                   str(ip_belongs_to_subnet(0x0A000105, 0x0A000000, 0xFFFFFF00)),
               "10");
-    uint8_t m[6];
+    uint8_t m[8];  // lo's address is all zeroes; six bytes are written, no more
+    memset(m, 0xAA, sizeof m);
+    EXPECT_EQ(JOIN(devhwaddr_get_iface(m, "lo"), hex(m, 8), devhwaddr_get_iface(nullptr, "lo")),
+              JOIN(0, "000000000000aaaa", -1));
     EXPECT_EQ(devhwaddr_generate(m, 0x42), 0);
     const uint32_t oui = trel::device::kOui1;
     EXPECT_EQ(hex(m, 6),
@@ -372,6 +379,7 @@ TEST_F(Net, ArpTable) {
                "10.0.0.1         0x1         0x2         02:00:00:00:00:01     *        br0\n"
                "10.0.0.2         0x1         0x6         02:00:00:00:00:02     *        br0\n"
                "10.0.0.6         0x20        0x2         02:00:00:00:00:06:07  *        ib0\n"
+               "10.0.0.5         0x1         0x2         02:00:00:00:00:05\n"
                "10.0.0.3         0x1         0x2\n"
                "10.0.0.4         0x1         0x2         02:00:00:00:00:04     *        br0\n");
     const struct {
@@ -384,6 +392,7 @@ TEST_F(Net, ArpTable) {
         {nullptr, 32, 1, "02:00:00:00:00:01"},
         {"10.0.0.2", 18, 1, "02:00:00:00:00:02"},
         {"10.0.0.6", 32, 1, "02:00:00:00:00:06"},  // at most 18 bytes
+        {"10.0.0.5", 18, 1, "02:00:00:00:00:05"},  // four fields are enough
         {"10.0.0.4", 18, 0, ""},                   // behind a line of three fields
         {"10.0.0.2", 10, 1, "02:00:00:"},
         {"10.0.0.2", 17, 1, "02:00:00:00:00:0"},
@@ -431,9 +440,11 @@ TEST_F(Net, BridgeFiles) {
     add_member(root, "br0", "eth0", 1);
     add_member(root, "br0", "eth1", 2, "0\n");
     add_member(root, "br0", "ethA", 10, "1\n");
+    add_member(root, "br0", "e", 5, "2\n");                        // a one-character name
     add_member(root, "br0", "eth7", 12, "3\n", false);             // not "0x%x"
     root.write("/sys/class/net/br0/brif/plain/port_no", "0x3\n");  // not a link
     write_fdb(root, "br0", {{1, 1, 0}, {2, 2, 12345}, {3, 10, 99}, {4, 1, 500}}, 16, 6);
+    write_fdb(root, "..", {{1, 1, 0}}, 16);  // /sys/class/brforward: outside the net tree
     auto info = [](const char *br, const char *mac) {
         uint32_t age = 7, port = 7;
         int rc = get_mac_brinfo(br, mac, &age, &port);
@@ -447,6 +458,7 @@ TEST_F(Net, BridgeFiles) {
         char n[16] = "-";
         return str(get_ifname_from_br_portno("br0", port, n)) + " " + n;
     };
+    char n[16] = "-";
     const struct {
         const char *what;
         std::string got, want;
@@ -458,10 +470,16 @@ TEST_F(Net, BridgeFiles) {
         {"no such bridge", info("br9", "02:00:00:00:00:01"), "-1 7 7"},
         {"no path component", info("..", "02:00:00:00:00:01"), "-1 7 7"},
         {"states: forwarding, disabled, learning, none",
-         state("eth0") + " " + state("eth1") + " " + state("ethA") + " " + state("eth9"),
-         "301 010 100 -110"},
+         state("eth0") + " " + state("eth1") + " " + state("ethA") + " " + state("e") + " " +
+             state("eth9") + " " + state("..") + " " + state(""),
+         "301 010 100 200 -110 -110 -110"},
         {"port numbers", name(1) + "|" + name(10) + "|" + name(12) + "|" + name(3),
          "1 eth0|1 ethA|0 -|0 -"},
+        {"no ifname, no path component, an empty bridge",
+         str(get_ifname_from_br_portno("br0", 1, nullptr)) +
+             str(get_ifname_from_br_portno("..", 1, n)) + str(get_ifname_from_br_portno("", 1, n)),
+         "000"},
+        {"the name left alone", n, "-"},
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
@@ -600,6 +618,12 @@ bool has(const std::string &text, const std::string &part) {
 
 // The checks of the live test, in the child that owns the namespace.
 void live_checks() {
+    // With only br0 there, its address is the device's.
+    uint8_t mac[6];
+    const uint8_t br0_mac[6] = {2, 0, 0, 0, 0x0b, 0}, eth0_mac[6] = {2, 0, 0, 0, 0xe0, 0};
+    ASSERT_TRUE(run("ip link set br0 address 02:00:00:00:0b:00"));
+    EXPECT_EQ(devhwaddr_get(mac), 0);
+    EXPECT_EQ(hex(mac, 6), hex(br0_mac, 6));
     // br0 with the members v0 and v1 (v1 without carrier); eth0 a dummy
     // (a veth where the kernel has no dummy driver); a 15-character name.
     for (const char *cmd : {
@@ -623,7 +647,6 @@ void live_checks() {
     int fds = trel_test::open_fd_count();
     const int br0 = ifindex("br0"), eth0 = ifindex("eth0"), v0 = ifindex("v0"),
               v1p = ifindex("v1p");
-    const uint8_t br0_mac[6] = {2, 0, 0, 0, 0x0b, 0}, eth0_mac[6] = {2, 0, 0, 0, 0xe0, 0};
 
     // Interface ioctls; a name is cut to 15 characters.
     uint32_t u = 0, ip = 0, index = 0, br = 0, eth = 0;
@@ -634,7 +657,6 @@ void live_checks() {
     EXPECT_TRUE(has(sh("ip -4 -o addr show dev v1p"), "inet 10.7.0.1/8"));
     EXPECT_EQ(set_iface_ip("v1p", "not-an-address"), 0);  // 0.0.0.0 removes the address
     EXPECT_EQ(sh("ip -4 -o addr show dev v1p"), "");
-    uint8_t mac[6];
     EXPECT_EQ(devhwaddr_get(mac), 0);
     EXPECT_EQ(hex(mac, 6), hex(eth0_mac, 6));  // eth0 first
     EXPECT_EQ(
@@ -676,8 +698,10 @@ void live_checks() {
 
     // The uplink fallback: the first of eth0, bond0, eth1 that is up.
     TempRoot root;
-    char out[16] = "keep", out2[16] = "keep";
+    char out[16] = "keep", out2[16] = "keep", one[4] = "k";
     EXPECT_EQ(get_uplink_device(out, sizeof out), 0);
+    EXPECT_EQ(get_uplink_device(one, 1), 0);  // room for the terminator only
+    EXPECT_STREQ(one, "");
     run("ip link set eth0 down");
     EXPECT_EQ(get_uplink_device(out2, sizeof out2), 0);
     EXPECT_EQ(JOIN(out, out2), "eth0 keep");

@@ -21,7 +21,8 @@ const char kFlag[] = "/proc/trelhal/flag";
 const std::string kServices =
     "# dhcpd.status=enabled\ndhcpc.status=enabled\ndhcpd.status=enabled\n"
     "  dhcpd.1.status =\tenabled \r\nebtables.status=enabled\nebtables.50.status=enabled\n"
-    "ebtables.50.status=disabled\n";
+    "ebtables.50.status=disabled\nppp.status=enabled\nppp.1.status=enabled\n"
+    "iptables.status=enabled\niptables.50.status=disabled\n";
 const std::string kTcp =
     "  sl  local_address rem_address   st tx_queue rx_queue\n"
     "   1: 0100007F:0016 0200007F:A1B2 01 00000000:00000000\n";
@@ -29,7 +30,7 @@ const std::string kTcp =
 std::string services() {
     trel_service_status s;
     int rc = fill_services(&s);
-    return JOIN(rc, s.dhcpc, s.dhcpd, s.ebtables);
+    return JOIN(rc, s.dhcpc, s.dhcpd, s.ppp, s.iptables, s.ebtables);
 }
 
 std::string serial(int size) {
@@ -126,9 +127,9 @@ TEST(Status, FlagAndKeyFiles) {
               "-1 00:11:22:33:44:55 -1 0 -1 0 0 1 0");
     // Both keys, the last value; a world-writable file is not read.
     root.write("/tmp/system.cfg", kServices);
-    EXPECT_EQ(services(), "0 0 1 0");
+    EXPECT_EQ(services(), "0 0 1 1 0 0");
     root.write("/tmp/system.cfg", kServices, 0777);
-    EXPECT_EQ(services(), "0 0 0 0");
+    EXPECT_EQ(services(), "0 0 0 0 0 0");
 
     // Under /proc the line answers; elsewhere the file's existence.
     root.write(kFlag, "true\n");
