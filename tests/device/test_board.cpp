@@ -161,6 +161,7 @@ TEST(Board, UnknownBoardFromPciBus) {
                    "0100\t168c003c\t12\n0200\t168c0046\t13\n0300\t168c0056\t14\n"
                    "0400\t168c0040\t15\n");
         root.write("/proc/bus/pci/00/00.0", std::string(64, '\0'));
+        root.write("/proc/cpuinfo", "processor\t: 0\ncpu model\t: ARMv8\n");  // no system type
         trel_board *b = board_identify();
         ASSERT_NE(b, nullptr);
         EXPECT_STREQ(b->name, "Unknown");

@@ -475,10 +475,11 @@ TEST_F(Net, BridgeFiles) {
          "301 010 100 200 -110 -110 -110"},
         {"port numbers", name(1) + "|" + name(10) + "|" + name(12) + "|" + name(3),
          "1 eth0|1 ethA|0 -|0 -"},
-        {"no ifname, no path component, an empty bridge",
+        {"no ifname, no path component, an empty bridge, no such bridge",
          str(get_ifname_from_br_portno("br0", 1, nullptr)) +
+             str(get_ifname_from_br_portno("br9", 1, n)) +
              str(get_ifname_from_br_portno("..", 1, n)) + str(get_ifname_from_br_portno("", 1, n)),
-         "000"},
+         "0000"},
         {"the name left alone", n, "-"},
     };
     for (const auto &r : rows) {
