@@ -147,8 +147,9 @@ TEST(Json, OuiAndBuildFacts) {
     for (auto [mac, oui] : {std::pair<const char *, const char *>{"00:1A:2b", "001a2b"},
                             {"0:1:2:3:4:5", "000102"},
                             {"00:1a", nullptr}}) {
+        SCOPED_TRACE(mac);
         Json s(mac_str_to_oui_json_string(mac));
-        EXPECT_STREQ(json_string_value(s.get()), oui) << mac;
+        EXPECT_STREQ(json_string_value(s.get()), oui);
     }
     TempRoot root;
     char when[32] = "untouched";
