@@ -73,7 +73,7 @@ TEST(Proc, FixtureTableWithDescriptors) {
                "0000000000000000: 00000002 00000000 00000000 0005 03 302 @abstract\n"
                "0000000000000000: 00000002 00000000 00000000 0009 00 303 /run/odd\n"
                "0000000000000000: 00000002 00000000 00000000 0001 04 304\n"
-               "0000000000000000: 00000002 00000000 00000000 0001 07 305\n"
+               "0000000000000000: 00000002 00000000 00000000 0001 07 305 @\n"
                "0000000000000000: 00000002 00000000\n"
                "0000000000000000: 00000002 00000000 00000000 0001 01 0 /zero\n"
                "0000000000000000: 00000002 00000000 00000000 0001 01 300 /dup\n");
@@ -94,6 +94,7 @@ TEST(Proc, FixtureTableWithDescriptors) {
     root.write("/proc/15/cmdline", std::string(1500, 'x'));
     add_fds(root, 15, {});
     root.write("/proc/16/stat", stat_line(16, "erange", "S 1", "0 0"));
+    root.write("/proc/16/cmdline", "");  // a kernel thread's: no command line, no error
     add_fds(root, 16, {"socket:[99999999999999999999999]"});
     root.mkdir("/proc/17");
     root.write("/proc/0/stat", stat_line(0, "zero", "S 0", "0 0"));
@@ -139,8 +140,8 @@ TEST(Proc, FixtureTableWithDescriptors) {
 {"fd_type":"socket","socket_type":"udp6","socket":{"local_port":5353,"remote_port":53,"state":"ESTABLISHED"}}
 {"fd_type":"socket","socket_type":"unix","socket":{"refcnt":2,"type":"SEQPACKET","path":"@abstract","state":"CONNECTED"}}
 {"fd_type":"socket","socket_type":"unix","socket":{"refcnt":2,"type":"STREAM","path":"/run/ctl.sock","state":"LISTENING"}}
+{"fd_type":"socket","socket_type":"unix","socket":{"refcnt":2,"type":"STREAM","path":"@","state":"UNKNOWN"}}
 {"fd_type":"socket","socket_type":"unix","socket":{"refcnt":2,"type":"STREAM","state":"DISCONNECTING"}}
-{"fd_type":"socket","socket_type":"unix","socket":{"refcnt":2,"type":"STREAM","state":"UNKNOWN"}}
 {"fd_type":"socket","socket_type":"unix","socket":{"refcnt":2,"type":"UNKNOWN","path":"/run/odd","state":"UNKNOWN"}}
 {"fd_type":"socket","socket_type":"unix","socket":{"refcnt":3,"type":"DGRAM","state":"UNCONNECTED"}}
 {"fd_type":"socket"}
@@ -165,6 +166,7 @@ TEST(Proc, FixtureTableWithDescriptors) {
         EXPECT_TRUE(log.contains(line));
     }
     EXPECT_FALSE(log.contains("/zero"));
+    EXPECT_FALSE(log.contains("/proc/16/cmdline"));
 
     // Without descriptors: counts only, and no socket table is read.
     root.remove("/proc/net");
@@ -272,16 +274,17 @@ TEST(Proc, ConntrackHosts) {
     EXPECT_EQ(get_top_conntrack_hosts(), nullptr);
     EXPECT_TRUE(log.contains(
         "libtrel_proc.get_top_conntrack_hosts(): Failed to open '/proc/net/nf_conntrack'"));
-    // Only the first tuple counts; equal counts keep first-seen order; other
-    // families, values without a space after them and empty values count
-    // nothing.  The long line's second 319-byte piece is a line.
+    // Only the first tuple counts, its keys in either order; equal counts keep
+    // first-seen order; other families, values without a space after them and
+    // empty values count nothing.  The long line's second 319-byte piece is a
+    // line.
     root.write("/proc/net/nf_conntrack",
                "ipv4     2 tcp      6 431999 ESTABLISHED src=10.0.0.2 dst=10.0.0.1 sport=1 "
                "dport=2 src=10.0.0.1 dst=10.0.0.2 sport=2 dport=1 [ASSURED] mark=0 use=2\n"
                "ipv6     10 udp      17 20 src=fe80::1 dst=ff02::fb sport=5353 dport=5353 "
                "[UNREPLIED] src=ff02::fb dst=fe80::1 sport=5353 dport=5353 mark=0 use=2\n"
                "arp      2 src=10.9.9.9 dst=10.9.9.8 x\n ipv4 src=10.9.9.7 dst=10.9.9.6 x\n"
-               "ipv4     2 icmp     1 29 src=192.168.1.5 dst=192.168.1.5 type=8 code=0\n"
+               "ipv4     2 icmp     1 29 dst=192.168.1.5 src=192.168.1.5 type=8 code=0\n"
                "ipv4     2 udp      17 29 src=10.0.0.3 dst=10.0.0.4\n"
                "ipv4     2 udp      17 29 dst=10.0.0.1 src= sport=1\n"
                "ipv4" +
