@@ -112,6 +112,7 @@ TEST(Crash, KernelCrashSentOnce) {
         EXPECT_TRUE(log.contains("crash.send_kernel_crash(): Failed to process kernel crash: -1"));
         EXPECT_FALSE(root.exists("/var/run/last-crashlog.sent"));
         EXPECT_TRUE(root.exists("/var/run/report_payload.txt"));  // kept whatever the answer
+        EXPECT_FALSE(log.contains("Couldn't obtain firmware version"));
 
         EXPECT_EQ(send_kernel_crash(), 0);
         struct stat st;
@@ -184,6 +185,10 @@ TEST(Crash, BinaryDumps) {
         });
         setenv("LIBTREL_CRASH_URL", server.url("").c_str(), 1);
         up = server.url("/up");
+        root.remove("/var/run/ntp.ready");  // not ready: nothing is sent
+        EXPECT_EQ(send_crash_binary_data("crashd", 42, 11, 3, 3600, nullptr, 0, 1), -1);
+        EXPECT_TRUE(server.requests().empty());
+        root.write("/var/run/ntp.ready", "");
         const std::string bytes("core\0dump\xff", 10);
         const Row rows[] = {
             {"ram dump without a buffer", "1", "not JSON, not read", "ram-dump", 3, 0, 0, false,
@@ -194,7 +199,7 @@ TEST(Crash, BinaryDumps) {
              "settings"},
             {"no upload_url", "1", "{}", "oom-kill", 2, 0, 0, true, true,
              "[warn ] crash.send_crash_binary_data(): No upload_url in response"},
-            {"kind 7", "1", "", "unknown", 7, 0, 0, false, false, ""},
+            {"kind 4", "1", "", "unknown", 4, 0, 0, false, false, ""},
             {"answer not JSON", "1", "nope", "app-crash", 1, 0, -1, true, true,
              "[warn ] crash.post_crash(): Failed to parse response: "},
             {"upload refused", "1", "UPLOAD", "app-crash", 1, 500, -1, true, true,

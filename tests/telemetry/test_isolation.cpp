@@ -214,6 +214,11 @@ TEST(Isolation, BadEntriesAndMissingStore) {
         EXPECT_TRUE(log.contains("[error] crash.iterate_crash_logs(): Couldn't open " + kMeta +
                                  "unopenable.tar.gz Is a directory"));
         EXPECT_FALSE(log.contains("dir.tar.gz"));
+        // The directories beside the logs cannot be made: an error.
+        s.root.remove(kSent);
+        s.root.write(kSent.substr(0, kSent.size() - 1), "");
+        EXPECT_EQ(check_vwire_disconnect_logs("m", 1), -1);
+        EXPECT_TRUE(log.contains("[error] crash.iterate_crash_logs(): couldn't make dir " + kSent));
 
         // A store that is not there holds nothing, and is not made.
         s.root.remove("/etc/persistent");

@@ -155,6 +155,7 @@ TEST(Json, OuiAndBuildFacts) {
     // Date and time keep 11 characters each.
     root.write("/usr/lib/build.properties",
                "build_date=2026-11-02T14:07:33Z\nscm_reftype = branch\nbuild_time=14:07\n");
+    EXPECT_EQ(get_build_time(when, 0), -1);
     EXPECT_EQ(get_build_time(when, sizeof when), 0);
     EXPECT_STREQ(when, "2026-11-02T 14:07");
     EXPECT_EQ(get_trel_scm_reftype(), 2);

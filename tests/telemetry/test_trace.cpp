@@ -146,6 +146,7 @@ TEST(Trace, SendResultsAndEnvelope) {
         EXPECT_EQ(reqs[0].line, "PUT /base/traces HTTP/1.1");
         EXPECT_EQ(reqs[0].header("Content-Type"), "application/json");
         EXPECT_TRUE(json_equal(json_of(reqs[0].body).get(), want.get())) << reqs[0].body;
+        EXPECT_FALSE(log.contains("Couldn't obtain firmware version"));
 
         // Another status fails, logged with the body.  Without options the
         // outer meta has its defaults; the device id stays cached and an
