@@ -1,11 +1,7 @@
 // Helpers shared by the telemetry tests.
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <stdlib.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <initializer_list>
 #include <memory>
@@ -55,29 +51,6 @@ inline std::string values(const json_t *o, std::initializer_list<const char *> k
         json_array_append(a.get(), v != nullptr ? v : json_null());
     }
     return dump(a.get());
-}
-
-// Sets libtrel_log_level for the life of the object.
-class LogLevel {
-public:
-    explicit LogLevel(uint32_t level) : saved_(libtrel_log_level) { libtrel_log_level = level; }
-    ~LogLevel() { libtrel_log_level = saved_; }
-
-private:
-    uint32_t saved_;
-};
-
-// A loopback port nothing listens on: connections are refused at once.
-inline int closed_port() {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_in sin = {};
-    sin.sin_family = AF_INET;
-    sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof sin;
-    bind(fd, (struct sockaddr *)&sin, sizeof sin);
-    getsockname(fd, (struct sockaddr *)&sin, &len);
-    close(fd);
-    return ntohs(sin.sin_port);
 }
 
 // A device whose texts go beyond the room kept for them (63 or 64

@@ -26,25 +26,25 @@ void write_reporting_device(const TempRoot &root, const FakePath &fake) {
     fake.add("syswrapper.sh", kFilterScript);
 }
 
-TEST(Crash, AnalyticsSwitches) {
-    struct {
-        const char *cfg;
+TEST(Crash, AnalyticsSwitchesAndSavedPayload) {
+    const std::string a = "system.analytics.anonymous=", st = "\nsystem.analytics.status=";
+    const struct {
+        std::string cfg;
         int mode, coredump;
-    } const rows[] = {
-        {"", 2, 0},
-        {"system.analytics.status=disabled\n", 2, 0},
-        {"system.analytics.status=enabled\n", 1, 0},
-        {"system.analytics.anonymous=true\n", 2, 0},
-        {"system.analytics.anonymous=false\n", 1, 0},
-        {"system.analytics.anonymous=true\nsystem.analytics.status=enabled\n", 2, 0},
-        {"system.analytics.anonymous=off\nsystem.analytics.status=on\n", 1, 0},
-        {"system.analytics.anonymous=true\nsystem.analytics.status=disabled\n", 0, 0},
-        {"system.analytics.anonymous=false\nsystem.analytics.status=false\n", 0, 0},
-        {"system.analytics.coredump=enabled\n", 2, 1},
-    };
+    } rows[] = {{"", 2, 0},
+                {st + "disabled", 2, 0},
+                {st + "enabled", 1, 0},
+                {a + "true", 2, 0},
+                {a + "false", 1, 0},
+                {a + "true" + st + "enabled", 2, 0},
+                {a + "off" + st + "on", 1, 0},
+                {a + "true" + st + "disabled", 0, 0},
+                {a + "false" + st + "false", 0, 0},
+                {"system.analytics.coredump=enabled", 2, 1}};
     for (const auto &r : rows) {
         SCOPED_TRACE(r.cfg);
-        FILE *f = fmemopen((void *)r.cfg, strlen(r.cfg), "r");
+        std::string text = r.cfg + "\n";
+        FILE *f = fmemopen(text.data(), text.size(), "r");
         cfg_entry *cfg = parse_stream(f);
         fclose(f);
         EXPECT_EQ(get_analytics_mode(cfg), r.mode);
@@ -53,25 +53,22 @@ TEST(Crash, AnalyticsSwitches) {
     }
     // Only the first 15 characters count.
     EXPECT_EQ(is_dir_in_persistent("/etc/persistentX") + is_dir_in_persistent("/etc/persisten"), 1);
-}
 
-TEST(Crash, SavedPayload) {
+    // The indented text of {"x": "<n - 13 characters>"} is n bytes long; the
+    // largest kept is 102400.
     TempRoot root;
     LogCapture log;
-    // The indented text of {"x": "<n - 13 characters>"} is n bytes long.
     auto payload_of = [](size_t n) {
         return Json(json_pack("{s:s}", "x", std::string(n - 13, 'a').c_str()));
     };
-    Json limit = payload_of(102400);
-    save_crash_payload(limit.get());  // no /var/run yet
+    save_crash_payload(payload_of(102400).get());  // no /var/run yet
     EXPECT_TRUE(
         log.contains("[error] crash.save_crash_payload(): Failed opening file for saving "
                      "crash report payload\n"));
     root.mkdir("/var/run");
-    save_crash_payload(limit.get());
-    char *text = json_dumps(limit.get(), JSON_INDENT(2));
-    EXPECT_EQ(root.read("/var/run/report_payload.txt"), std::string(text) + "\n");
-    free(text);
+    save_crash_payload(payload_of(102400).get());
+    EXPECT_EQ(root.read("/var/run/report_payload.txt"),
+              "{\n  \"x\": \"" + std::string(102387, 'a') + "\"\n}\n");
     EXPECT_TRUE(
         log.contains("[info ] crash.save_crash_payload(): Saved crash report payload of "
                      "102400 bytes"));
@@ -115,6 +112,7 @@ TEST(Crash, KernelCrashSentOnce) {
         EXPECT_TRUE(log.contains("crash.send_kernel_crash(): Failed to process kernel crash: -1"));
         EXPECT_FALSE(root.exists("/var/run/last-crashlog.sent"));
         EXPECT_TRUE(root.exists("/var/run/report_payload.txt"));  // kept whatever the answer
+        EXPECT_FALSE(log.contains("Couldn't obtain firmware version"));
 
         EXPECT_EQ(send_kernel_crash(), 0);
         struct stat st;
@@ -168,15 +166,12 @@ TEST(Crash, BinaryDumps) {
         write_reporting_device(root, fake);
         root.write("/var/log/messages", "a[42]: no\ncrashd[42]: boom hunter2\ncrashd[43]: no\n");
         fake.add("logread", "printf 'boot\\nCollecting RAMDUMP now\\n'\n");
+        // The kind's name and the "upload" flag go with every report; the
+        // upload follows when put_status is not 0.
         struct Row {
-            const char *what;
-            int type;
-            bool data;
-            const char *coredump;   // "/var/run/system.analytics.coredump"
-            const char *answer;     // to the report; "UPLOAD" names an upload address
-            int put_status, rc;     // put_status 0: no upload expected
-            const char *type_name;  // and the "upload" flag
-            bool upload;
+            const char *what, *coredump, *answer, *type_name;  // answer "UPLOAD": an address
+            int type, put_status, rc;
+            bool data, upload;
             std::string message;
         };
         std::atomic<const Row *> row{nullptr};  // read by the server's thread
@@ -190,20 +185,24 @@ TEST(Crash, BinaryDumps) {
         });
         setenv("LIBTREL_CRASH_URL", server.url("").c_str(), 1);
         up = server.url("/up");
+        root.remove("/var/run/ntp.ready");  // not ready: nothing is sent
+        EXPECT_EQ(send_crash_binary_data("crashd", 42, 11, 3, 3600, nullptr, 0, 1), -1);
+        EXPECT_TRUE(server.requests().empty());
+        root.write("/var/run/ntp.ready", "");
         const std::string bytes("core\0dump\xff", 10);
         const Row rows[] = {
-            {"ram dump without a buffer", 3, false, "1", "not JSON, not read", 0, 0, "ram-dump",
+            {"ram dump without a buffer", "1", "not JSON, not read", "ram-dump", 3, 0, 0, false,
              false, ""},
-            {"upload allowed", 1, true, "1", "UPLOAD", 200, 0, "app-crash", true, ""},
-            {"upload forbidden", 0, true, "0", "{}", 0, 0, "core-dump", false,
+            {"upload allowed", "1", "UPLOAD", "app-crash", 1, 200, 0, true, true, ""},
+            {"upload forbidden", "0", "{}", "core-dump", 0, 0, 0, true, false,
              "[info ] crash.send_crash_binary_data(): Binary dump upload disabled by system "
              "settings"},
-            {"no upload_url", 2, true, "1", "{}", 0, 0, "oom-kill", true,
+            {"no upload_url", "1", "{}", "oom-kill", 2, 0, 0, true, true,
              "[warn ] crash.send_crash_binary_data(): No upload_url in response"},
-            {"kind 7", 7, false, "1", "", 0, 0, "unknown", false, ""},
-            {"answer not JSON", 1, true, "1", "nope", 0, -1, "app-crash", true,
+            {"kind 4", "1", "", "unknown", 4, 0, 0, false, false, ""},
+            {"answer not JSON", "1", "nope", "app-crash", 1, 0, -1, true, true,
              "[warn ] crash.post_crash(): Failed to parse response: "},
-            {"upload refused", 1, true, "1", "UPLOAD", 500, -1, "app-crash", true,
+            {"upload refused", "1", "UPLOAD", "app-crash", 1, 500, -1, true, true,
              "[warn ] crash.upload_file(): PUT '" + up + "' failed: [500] no room"},
         };
         for (const Row &r : rows) {

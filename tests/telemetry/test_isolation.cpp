@@ -214,6 +214,11 @@ TEST(Isolation, BadEntriesAndMissingStore) {
         EXPECT_TRUE(log.contains("[error] crash.iterate_crash_logs(): Couldn't open " + kMeta +
                                  "unopenable.tar.gz Is a directory"));
         EXPECT_FALSE(log.contains("dir.tar.gz"));
+        // The directories beside the logs cannot be made: an error.
+        s.root.remove(kSent);
+        s.root.write(kSent.substr(0, kSent.size() - 1), "");
+        EXPECT_EQ(check_vwire_disconnect_logs("m", 1), -1);
+        EXPECT_TRUE(log.contains("[error] crash.iterate_crash_logs(): couldn't make dir " + kSent));
 
         // A store that is not there holds nothing, and is not made.
         s.root.remove("/etc/persistent");
@@ -280,30 +285,29 @@ TEST(Isolation, ConcurrentWalksReportEachArchiveOnce) {
         report_to(server);
         int go[2];
         ASSERT_EQ(pipe(go), 0);
-        std::vector<pid_t> walkers;
-        for (int w = 0; w < 2; w++) {
-            pid_t pid = fork();
-            if (pid == 0) {
+        pid_t walkers[2];
+        for (pid_t &pid : walkers) {
+            if ((pid = fork()) == 0) {
                 char c;
                 close(go[1]);
                 (void)!read(go[0], &c, 1);
                 libtrel_log_level = 0;
                 _exit(check_vwire_disconnect_logs("m", 1) == 0 ? 0 : 1);
             }
-            walkers.push_back(pid);
         }
         close(go[0]);
         close(go[1]);  // both start now
         for (pid_t pid : walkers) {
-            int status = 0;
+            int status = -1;
             waitpid(pid, &status, 0);
-            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+            EXPECT_EQ(status, 0);
         }
         EXPECT_EQ(reported(server), want);
-        for (int i = 0; i < 12; i++)
+        for (int i = 0; i < 12; i++) {
+            SCOPED_TRACE(i);
             EXPECT_EQ(s.meta("log" + std::to_string(i) + ".tar.gz", {"sent_to_analytics"}),
-                      "[true]")
-                << i;
+                      "[true]");
+        }
     });
 }
 

@@ -111,10 +111,7 @@ TEST(Json, ReadersAndAddersOnMixedTypes) {
     EXPECT_EQ(trel_json_add_i64(o.get(), "s", -2), 0);
     EXPECT_EQ(trel_json_append_array(o.get(), "a", 9), 0);
     EXPECT_EQ(trel_json_append_array(o.get(), "fresh", 4), 0);
-    std::string got;
-    for (const char *key : {"i", "s", "a", "fresh"})
-        got += dump(json_object_get(o.get(), key)) + " ";
-    EXPECT_EQ(got, R"(10 -2 [1,"x",2,9] [4] )");
+    EXPECT_EQ(values(o.get(), {"i", "s", "a", "fresh"}), R"([10,-2,[1,"x",2,9],[4]])");
 }
 
 TEST(Json, FilesAsBase64) {
@@ -147,8 +144,9 @@ TEST(Json, OuiAndBuildFacts) {
     for (auto [mac, oui] : {std::pair<const char *, const char *>{"00:1A:2b", "001a2b"},
                             {"0:1:2:3:4:5", "000102"},
                             {"00:1a", nullptr}}) {
+        SCOPED_TRACE(mac);
         Json s(mac_str_to_oui_json_string(mac));
-        EXPECT_STREQ(json_string_value(s.get()), oui) << mac;
+        EXPECT_STREQ(json_string_value(s.get()), oui);
     }
     TempRoot root;
     char when[32] = "untouched";
@@ -157,6 +155,7 @@ TEST(Json, OuiAndBuildFacts) {
     // Date and time keep 11 characters each.
     root.write("/usr/lib/build.properties",
                "build_date=2026-11-02T14:07:33Z\nscm_reftype = branch\nbuild_time=14:07\n");
+    EXPECT_EQ(get_build_time(when, 0), -1);
     EXPECT_EQ(get_build_time(when, sizeof when), 0);
     EXPECT_STREQ(when, "2026-11-02T 14:07");
     EXPECT_EQ(get_trel_scm_reftype(), 2);
