@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
 
@@ -127,26 +128,43 @@ TEST_F(Ipc, ServerAndClient) {
 // Sends and receives are tried first: they wait only on a full or an empty
 // socket, and then go on where they stopped.
 TEST_F(Ipc, ChunksWaitsAndTimeouts) {
-    std::string text = pattern(40000), big = pattern(1 << 20);
+    std::string text = pattern(32769), big = pattern(1 << 20);
     sk_msg msg = message(7, text), empty{-3, 0, body};
     polls = 0;
-    ASSERT_EQ(sk_msg_send(fd[0], &msg, 1), 40000);
+    ASSERT_EQ(sk_msg_send(fd[0], &msg, 1), 32769);
     EXPECT_EQ(drain(), framed(7, text));
     EXPECT_EQ(sk_msg_send(fd[0], &empty, 1), 0);  // the header alone
-    EXPECT_EQ(drain(), framed(-3, ""));
+    EXPECT_EQ(sk_msg_recv(fd[1], &in, 1), 0);
+    EXPECT_EQ(in.type, -3);
     send_raw(framed(3, text));
-    EXPECT_EQ(sk_msg_recvfrom(fd[1], &in, addr, &fromlen), 40000);
+    EXPECT_EQ(sk_msg_recvfrom(fd[1], &in, addr, &fromlen), 32769);
     EXPECT_EQ(in.type, 3);
     EXPECT_EQ(polls, 0);
-    // Nothing queued yet: one wait of the caller's time-out, for the header.
-    on_ppoll = [&, once = true]() mutable {
-        if (once) send_raw(framed(4, text));
-        once = false;
-    };
-    EXPECT_EQ(sk_msg_recv(fd[1], &in, 7), 40000);
-    EXPECT_EQ(received(), text + text);
-    EXPECT_EQ(polls, 1);
-    EXPECT_EQ(waited, 7);
+    // Nothing queued yet: one wait (the caller's time-out; 3 s for recvfrom)
+    // for the header; the message sent meanwhile arrives whole.
+    for (bool from_any : {false, true}) {
+        SCOPED_TRACE(from_any ? "recvfrom" : "recv");
+        polls = 0;
+        got->reset(got);
+        on_ppoll = [&, once = true]() mutable {
+            if (once) send_raw(framed(4, text));
+            once = false;
+        };
+        EXPECT_EQ(
+            from_any ? sk_msg_recvfrom(fd[1], &in, addr, &fromlen) : sk_msg_recv(fd[1], &in, 7),
+            32769);
+        EXPECT_EQ(received(), text);
+        EXPECT_EQ(polls, 1);
+        EXPECT_EQ(waited, from_any ? 3 : 7);
+    }
+    // A short datagram still counts as a whole chunk, its tail zeros; with no
+    // buffer for a body the message is refused after its header.
+    got->reset(got);
+    send_raw({framed(2, std::string(20000, 'x'))[0], "ab", "", framed(1, "x")[0]});
+    EXPECT_EQ(sk_msg_recv(fd[1], &in, 1), 20000);
+    EXPECT_EQ(received(), "ab" + std::string(19998, '\0'));
+    sk_msg no_buffer{0, 0, nullptr};
+    EXPECT_EQ(sk_msg_recv(fd[1], &no_buffer, 1), -1);
 
     // A 1 MiB body fills the socket part-way: the send waits only then, while
     // the reader takes what is queued, and loses nothing; errno stays as it was.
@@ -195,6 +213,17 @@ TEST_F(Ipc, BadInputAndVanishingPeers) {
     } rows[] = {
         {"no record", [&] { return uds_socket_create("/x", nullptr, 1); },
          "uds.uds_socket_create(): invalid parameter", 0},
+        {"no descriptor left",
+         [&] {
+             rlimit saved, none{0, 0};
+             getrlimit(RLIMIT_NOFILE, &saved);
+             none.rlim_max = saved.rlim_max;
+             setrlimit(RLIMIT_NOFILE, &none);
+             int r = uds_sock_open_server(path.c_str(), &rec);
+             setrlimit(RLIMIT_NOFILE, &saved);
+             return r;
+         },
+         "uds.uds_socket_create(): uds socket error, errno:24/", 0},
         {"bind", [&] { return uds_sock_open_server(missing.c_str(), &rec); },
          "bind error, path:" + missing + ", errno:2/", 0},
         {"send null", [&] { return sk_msg_send(fd[0], nullptr, 1); }, "sk_msg.sk_msg_send" + inv,
@@ -204,6 +233,7 @@ TEST_F(Ipc, BadInputAndVanishingPeers) {
         {"sendto -1", [&] { return sk_msg_sendto(-1, &in, addr, fromlen); },
          "sk_msg.sk_msg_sendto" + inv, 0},
         {"recv -1", [&] { return sk_msg_recv(-1, &in, 1); }, "sk_msg.sk_msg_recv" + inv, 0},
+        {"recv null", [&] { return sk_msg_recv(fd[1], nullptr, 1); }, "", 0},
         {"recvfrom null", [&] { return sk_msg_recvfrom(fd[1], &in, nullptr, &fromlen); },
          "sk_msg.sk_msg_recvfrom" + inv, 0},
         {"send closed", [&] { return sk_msg_send(bad, &in, 1); },
@@ -236,7 +266,9 @@ TEST_F(Ipc, BadInputAndVanishingPeers) {
     int sv[2];  // a stream peer that has gone: an error, not SIGPIPE
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
     close(sv[1]);
+    polls = 0;
     EXPECT_EQ(sk_msg_send(sv[0], &in, 1), -1);
+    EXPECT_EQ(polls, 0);  // at once, without a wait
     EXPECT_TRUE(log.contains("[error] sk_msg.send_nonblocking(): errno:32/")) << log.text();
     close(sv[0]);
     // Gone mid-message: the first chunk stays in the buffer, the result is -1.
