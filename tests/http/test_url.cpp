@@ -89,6 +89,8 @@ const struct {
     {"http://h.lan/\x7f", "NULL"},
     {"http://a@b@c/", "NULL"},
     {"http://[::1]x/", "NULL"},
+    {"http://[::1]]/", "NULL"},
+    {"http://[::1][/", "NULL"},
     {"http://[::1]:80:90/", "NULL"},
     {"http://[::1]5:8080/", "NULL"},
     {"http://[fe80::1%25eth0]/", "NULL"},
@@ -212,6 +214,10 @@ TEST(Url, ResolveAndEncode) {
     EXPECT_EQ(name->ai.ai_addr, nullptr);
     EXPECT_EQ(url_addr_ntop(name.get(), text, sizeof text), 0);
     EXPECT_STREQ(text, "::1");  // untouched
+    name->ai.ai_addr = reinterpret_cast<struct sockaddr *>(name->addr);
+    name->ai.ai_family = AF_UNIX;  // neither IPv4 nor IPv6: nothing to print
+    EXPECT_EQ(url_addr_ntop(name.get(), text, sizeof text), 0);
+    EXPECT_STREQ(text, "::1");
 
     for (auto [in, out] : {std::pair{"a b&c", "a+b%26c"},
                            {"AZaz09-._~", "AZaz09-._~"},
