@@ -1,10 +1,16 @@
 // The process table with descriptors and sockets, memory counters and
 // conntrack hosts, from fixture trees under LIBTREL_ROOT and the live system.
+#include <arpa/inet.h>
+#include <signal.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <set>
 #include <string>
@@ -187,25 +193,130 @@ TEST(Proc, FixtureTableWithDescriptors) {
     json_decref(array);
 }
 
-// A live zombie child whose name holds a space and parentheses.
-TEST(Proc, LiveZombie) {
-    unsetenv("LIBTREL_ROOT");
-    pid_t zombie = fork();
-    if (zombie == 0) {
-        prctl(PR_SET_NAME, "trel z (1)");
+// The test's own sockets found live under its descriptors, and the process
+// table agreeing with procps's ps.
+namespace {
+
+struct Row {
+    int ppid;
+    char state;
+    std::string comm;
+};
+
+// procps's view of the process table.
+std::map<int, Row> procps_table() {
+    std::map<int, Row> rows;
+    FILE *p = popen("ps -eo pid=,ppid=,stat=,comm= 2>/dev/null", "r");
+    char line[512], stat[16];
+    int pid, ppid, n = 0;
+    while (p != nullptr && fgets(line, sizeof line, p) != nullptr) {
+        if (sscanf(line, "%d %d %15s %n", &pid, &ppid, stat, &n) != 3) continue;
+        std::string comm(line + n, strcspn(line + n, "\n"));
+        if (comm.size() > 10 && comm.substr(comm.size() - 10) == " <defunct>")
+            comm.resize(comm.size() - 10);
+        rows[pid] = {ppid, stat[0], comm};
+    }
+    if (p != nullptr) pclose(p);
+    return rows;
+}
+
+// A child named name that runs fn and exits; it is killed with the test.
+template <typename Fn>
+pid_t fork_named(const char *name, Fn fn) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        prctl(PR_SET_NAME, name);
+        fn();
         _exit(0);
     }
-    siginfo_t info;
-    ASSERT_EQ(waitid(P_PID, zombie, &info, WEXITED | WNOWAIT), 0);
-    auto only = [](trel_ps_entry *e, void *z) -> int32_t { return e->pid == *(pid_t *)z ? 0 : 1; };
-    trel_ps_list *list = trel_ps_filter(0, only, &zombie);
+    return pid;
+}
+
+}  // namespace
+
+TEST(Proc, LiveProcessSocketsAndProcpsAgree) {
+    unsetenv("LIBTREL_ROOT");
+    int tcp = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in in{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t len = sizeof in;
+    ASSERT_EQ(bind(tcp, (sockaddr *)&in, sizeof in), 0);
+    ASSERT_EQ(listen(tcp, 1), 0);
+    ASSERT_EQ(getsockname(tcp, (sockaddr *)&in, &len), 0);
+    std::string dir = trel_test::make_temp_dir(), path = dir + "/live.sock";
+    sockaddr_un un{AF_UNIX, {}};
+    snprintf(un.sun_path, sizeof un.sun_path, "%s", path.c_str());
+    int local = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(local, (sockaddr *)&un, sizeof un), 0);
+    ASSERT_EQ(listen(local, 1), 0);
+
+    auto only_me = [](trel_ps_entry *e, void *) -> int32_t { return e->pid == getpid() ? 0 : 1; };
+    trel_ps_list *list = trel_ps_filter(1, only_me, nullptr);
     ASSERT_NE(list, nullptr);
     ASSERT_EQ(list->count, 1u);
-    auto *e = (const trel_ps_entry *)list->list.next;
-    EXPECT_EQ(std::string(e->comm) + " " + e->state + " " + std::to_string(e->ppid),
-              "trel z (1) Z " + std::to_string(getpid()));
+    auto *me = (const trel_ps_entry *)list->list.next;
+    EXPECT_EQ(me->ppid, getppid());
+    EXPECT_STREQ(me->comm, "test_proc");
+    EXPECT_EQ(me->state, 'R');
+    std::vector<std::string> mine;
+    trel_list_link *l;
+    TREL_LIST_FOR_EACH(l, &me->fds) {
+        const trel_socket_inode *s = ((const trel_ps_fd *)l)->target.socket;
+        if (((const trel_ps_fd *)l)->type != TREL_FD_SOCKET || s == nullptr) continue;
+        if (s->type == TREL_SOCKET_TCP && s->data.inet->local_port == ntohs(in.sin_port))
+            mine.push_back("tcp " + std::to_string(s->data.inet->remote_port) + " " +
+                           std::to_string(s->data.inet->state));
+        if (s->type == TREL_SOCKET_UNIX && s->data.un->path != nullptr && s->data.un->path == path)
+            mine.push_back("unix " + std::to_string(s->data.un->type) + " " +
+                           std::to_string(s->data.un->state));
+    }
+    std::sort(mine.begin(), mine.end());
+    EXPECT_EQ(mine,
+              (std::vector<std::string>{"tcp 0 10", "unix 1 3"}));  // LISTEN; STREAM LISTENING
     trel_ps_list_free(list);
-    waitpid(zombie, nullptr, 0);
+    close(tcp);
+    close(local);
+    trel_test::remove_tree(dir);
+
+    // Two children whose state cannot change while compared: one stopped,
+    // named with a space and parentheses, and one zombie.
+    pid_t stopped = fork_named("trel stop (1)", [] { raise(SIGSTOP); });
+    pid_t zombie = fork_named("trel-zombie", [] {});
+    int status;
+    siginfo_t info;
+    ASSERT_EQ(waitpid(stopped, &status, WUNTRACED), stopped);
+    ASSERT_EQ(waitid(P_PID, zombie, &info, WEXITED | WNOWAIT), 0);
+    std::map<int, Row> before = procps_table(), ours, after;
+    list = trel_ps();
+    TREL_LIST_FOR_EACH(l, &list->list) {
+        auto *e = (const trel_ps_entry *)l;
+        ours[e->pid] = {e->ppid, e->state, e->comm};
+    }
+    trel_ps_list_free(list);
+    after = procps_table();
+    kill(stopped, SIGKILL);
+    waitpid(stopped, &status, 0);
+    waitpid(zombie, &status, 0);
+    if (before.empty()) GTEST_SKIP() << "procps's ps is not available";
+
+    // What procps saw before and after our snapshot is in it, with the same
+    // parent and name (unless it exec'd or was reparented meanwhile; kernel
+    // workers rename themselves).  Only the children's states are fixed.
+    for (const auto &[pid, row] : before) {
+        auto later = after.find(pid);
+        if (later == after.end()) continue;
+        SCOPED_TRACE("pid " + std::to_string(pid) + " " + row.comm);
+        ASSERT_EQ(ours.count(pid), 1u);
+        if (later->second.ppid == row.ppid) {
+            EXPECT_EQ(ours[pid].ppid, row.ppid);
+        }
+        if (later->second.comm == row.comm && row.ppid != 2) {
+            EXPECT_EQ(ours[pid].comm, row.comm);
+        }
+    }
+    EXPECT_EQ(ours[stopped].comm + ours[stopped].state + before[stopped].state, "trel stop (1)TT");
+    EXPECT_EQ(ours[zombie].comm + ours[zombie].state + before[zombie].state, "trel-zombieZZ");
+    EXPECT_EQ(ours[zombie].ppid, getpid());
 }
 
 TEST(Proc, Meminfo) {
