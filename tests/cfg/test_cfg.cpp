@@ -248,8 +248,7 @@ TEST(CfgKeys, OrderIndexAndElement) {
     };
     for (const auto &c : order) {
         SCOPED_TRACE(std::string(c.a ? c.a : "null") + " vs " + (c.b ? c.b : "null"));
-        const int r = cfg_keycmp(c.a, c.b);
-        EXPECT_EQ((r > 0) - (r < 0), c.sign);
+        EXPECT_EQ(cfg_keycmp(c.a, c.b), c.sign);
     }
 
     // Zero, non-numbers, 32-bit zeros and range errors are skipped.
@@ -262,6 +261,7 @@ TEST(CfgKeys, OrderIndexAndElement) {
                {"a.0.b.0x10x.c.4294967296.7", 2, 7},
                {"a.99999999999999999999.5", 1, 5},
                {"a.5", 0, -1},
+               {"a..5", 1, 5},
                {nullptr, 1, -1}};
     for (const auto &c : idx) {
         SCOPED_TRACE(std::string(c.key ? c.key : "null") + " #" + std::to_string(c.n));
@@ -349,6 +349,7 @@ TEST(CfgLists, PrefixExactSectionsAndDiff) {
     EXPECT_EQ(get_cfg_key_count(cfg, 0, "radio.%d", 1), 4u);
     // Nodes borrow keys from the configuration.
     EXPECT_EQ(it->key, cfg->key);
+    EXPECT_EQ(esc_value(it), it->value);  // nothing to escape: the value itself, still borrowed
 
     cfg_entry *exact = get_cfg_it(cfg, 1, "RADIO.1.MODE");
     EXPECT_EQ(dump(exact), (Lines{"radio.1.mode=ap", "radio.1.mode=dup"}));

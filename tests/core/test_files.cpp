@@ -128,6 +128,8 @@ TEST_F(Files, WritersCountersAndCommentOut) {
     FILE *f = fopen_format("r+", "/%c", 'f');
     ASSERT_NE(f, nullptr);
     char patterns[] = "foo|bar";
+    EXPECT_EQ(comment_out_lines(nullptr, patterns), -1);
+    EXPECT_EQ(comment_out_lines(f, nullptr), -1);
     EXPECT_EQ(comment_out_lines(f, patterns), -1);  // the long line
     fclose(f);
     EXPECT_EQ(root.read("/f"), "#oo=1\nbaz=2\n#bar=3\n" + long_line + "\n#nd bar\n");

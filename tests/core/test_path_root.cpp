@@ -137,7 +137,8 @@ struct PlainCall {
         fflush(f);                                                                   \
         rewind(f);                                                                   \
         char buf[16] = "";                                                           \
-        seen = fgets(buf, sizeof buf, f) ? buf : "nothing";                          \
+        seen = (fgets(buf, sizeof buf, f) ? buf : "nothing") +                       \
+               std::to_string(fcntl(fileno(f), F_GETFL) & O_ACCMODE);                \
         fclose(f);                                                                   \
         return 0;                                                                    \
     }
@@ -148,6 +149,8 @@ const PlainCall kPlainCalls[] = {
     {"fopen w+", true, true, FOPEN("w+")},
     {"fopen a+ with 28 more characters", true, true, FOPEN("a+bbbbbbbbbbbbbbbbbbbbbbbbbbbb")},
     {"fopen re", false, true, FOPEN("re")},
+    // A "+" past the first seven characters does not count.
+    {"fopen rbbbbbb+", false, true, FOPEN("rbbbbbb+")},
     {"fopen wx", true, false, FOPEN("wx")},
     {"stat", false, true, STAT(stat)},
     {"lstat", false, false, STAT(lstat)},
@@ -279,6 +282,13 @@ TEST(PathRoot, WrappersActLikeThePlainCalls) {
         {"unlink /", [] { return trel::path_unlink("/"); }, EISDIR},
         {"mkdir /", [] { return trel::path_mkdir("/", 0755); }, EEXIST},
         {"fopen q", [] { return trel::path_fopen("/f", "q") ? 0 : -1; }, EINVAL},
+        // A root that cannot be opened opens nothing.
+        {"open under a missing root",
+         [] {
+             setenv("LIBTREL_ROOT", "/nonexistent/root", 1);
+             return trel::path_open("/f", O_RDONLY);
+         },
+         ENOENT},
         // Modes with no room left for "e" are refused.
         {"fopen with a 31-character mode",
          [] { return trel::path_fopen("/f", "a+bbbbbbbbbbbbbbbbbbbbbbbbbbbbb") ? 0 : -1; }, EINVAL},
@@ -307,6 +317,14 @@ TEST(PathRoot, WrappersActLikeThePlainCalls) {
     EXPECT_EQ(read_file(here + "/moved"), "file");
     EXPECT_EQ(trel::path_rename("moved", "/g"), 0);
     EXPECT_EQ(root.read("/g"), "file");
+    // readlinkat: relative names from the directory given, absolute ones in the root.
+    fs::create_symlink("g", root.path("/lg"));
+    int dfd = open(root.dir().c_str(), O_RDONLY | O_DIRECTORY);
+    char buf[8] = "";
+    EXPECT_EQ(trel::path_readlinkat(dfd, "lg", buf, sizeof buf), 1);
+    EXPECT_EQ(trel::path_readlinkat(AT_FDCWD, "/lg", buf + 1, sizeof buf - 1), 1);
+    EXPECT_STREQ(buf, "gg");
+    close(dfd);
     ASSERT_EQ(chdir(saved), 0);
     trel_test::remove_tree(here);
 }
@@ -341,5 +359,19 @@ TEST(PathRoot, RealPathsForCommands) {
         SCOPED_TRACE(c.logical);
         trel::RootedPath p(c.logical);
         EXPECT_EQ(p ? std::string(p.c_str()) : "", c.want);
+    }
+    // A file yet to be made whose real path takes PATH_MAX - 1 characters
+    // fits; one character more does not.
+    std::string dir;
+    while (real.size() + dir.size() + 201 < PATH_MAX - 1 - 256 - 50)
+        dir += "/" + std::string(200, 'd');
+    for (size_t extra : {0, 1}) {
+        SCOPED_TRACE(extra);
+        // The real directory takes PATH_MAX - 1 - 256 characters, plus extra.
+        const std::string d =
+            dir + "/" + std::string(PATH_MAX - 1 - 256 - real.size() - dir.size() - 1 + extra, 'e');
+        root.mkdir(d);
+        trel::RootedPath p((d + "/" + std::string(255, 'n')).c_str());
+        EXPECT_EQ(p ? strlen(p.c_str()) : 0u, extra ? 0u : PATH_MAX - 1u);
     }
 }

@@ -57,6 +57,12 @@ TEST(Aes, BlockFunctionsAgreeWithLibcrypto) {
     uint8_t key[32] = {0};
     uint32_t rk[60];
     rijndael_context ctx;
+    // A context with a round count the decryption cannot walk is refused.
+    ASSERT_EQ(rijndael_set_key(&ctx, key, 256), 0);
+    ctx.rounds = 16;
+    uint8_t in[16] = {0}, out[16] = {7};
+    rijndael_decrypt(&ctx, in, out);
+    EXPECT_EQ(out[0], 7);
     for (int bits : {0, 64, 127, 129, 160, 255, 257, -128}) {
         SCOPED_TRACE(bits);
         EXPECT_EQ(rijndaelKeySetupEnc(rk, key, bits), 0);

@@ -14,10 +14,10 @@ TEST(Sha256, ContextLengthsAndBitCountWrap) {
     sha256_context ctx;
     memset(&ctx, 0xa5, sizeof ctx);
     sha256_init(&ctx);  // must clear both counts
-    const uint32_t steps[][3] = {{63, 0, 63}, {1, 64, 0}, {200, 256, 8}};
+    const uint32_t steps[][3] = {{63, 0, 63}, {1, 64, 0}, {200, 256, 8}, {0, 256, 8}};
     for (const auto &s : steps) {
         SCOPED_TRACE(s[0]);
-        sha256_update(&ctx, data, s[0]);
+        sha256_update(&ctx, s[0] ? data : nullptr, s[0] ? s[0] : 5);  // null data: nothing
         EXPECT_EQ(ctx.tot_len, s[1]);
         EXPECT_EQ(ctx.len, s[2]);
     }

@@ -86,6 +86,9 @@ TEST_F(Exec, SyswrapperAndForkexecArgumentsLoggingAndStatus) {
     const char *argv[] = {kWrapper, "x", "y z", nullptr};
     forkexec((char *const *)argv);
     EXPECT_EQ(root.read("/tmp/args"), "2\nx\ny z\n");
+    const char *alone[] = {kWrapper, nullptr};  // no arguments: still run
+    forkexec((char *const *)alone);
+    EXPECT_EQ(root.read("/tmp/args"), "0\n");
     const char *missing[] = {"/bin/absent", nullptr};
     forkexec((char *const *)missing);  // the child just exits
     EXPECT_FALSE(cap.contains("exit abnormally")) << cap.text();
