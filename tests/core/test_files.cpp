@@ -1,6 +1,6 @@
 #include <errno.h>
-#include <string.h>
 #include <fcntl.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,29 +17,14 @@ protected:
     char buf[64];
 };
 
-}  // namespace
-
-TEST_F(Files, PathRootResolvesAbsolutePathsWhenSet) {
-    root.write("/etc/hostname", "snapshot\n");
-    EXPECT_EQ(fsreadline("/etc/hostname", buf, sizeof buf), 0);
-    EXPECT_STREQ(buf, "snapshot");
-    // Relative paths stay relative to the working directory.
-    char cwd[4096];
-    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-    ASSERT_EQ(chdir(root.path("/etc").c_str()), 0);
-    EXPECT_EQ(fsreadline("hostname", buf, sizeof buf), 0);
-    ASSERT_EQ(chdir(cwd), 0);
-    // A name too long for the system fails without touching anything.
-    std::string deep = "/" + std::string(4090, 'd');
-    strcpy(buf, "unchanged");
-    EXPECT_EQ(fsreadline(deep.c_str(), buf, sizeof buf), -ENAMETOOLONG);
-    EXPECT_STREQ(buf, "unchanged");
-    // Without a root the real path is used.
-    unsetenv("LIBTREL_ROOT");
-    EXPECT_EQ(fsreadline(root.path("/etc/hostname").c_str(), buf, sizeof buf), 0);
+mode_t mode_of(const std::string &real) {
+    struct stat st;
+    return stat(real.c_str(), &st) == 0 ? st.st_mode : 0;
 }
 
-TEST_F(Files, LineReadersAndDefaults) {
+}  // namespace
+
+TEST_F(Files, LineReadersDefaultsAndTheRoot) {
     root.write("/a", "first\rrest\n");
     root.write("/b", "bell\apart\n");
     root.write("/empty", "");
@@ -54,12 +39,25 @@ TEST_F(Files, LineReadersAndDefaults) {
     EXPECT_STREQ(buf, "fir");  // untouched
     EXPECT_STREQ(freadline("/missing", buf, 3, "long default"), "lo");
     EXPECT_STREQ(freadlineat(AT_FDCWD, "/missing", buf, sizeof buf, "d"), "d");
+    // A name too long for the system fails without touching anything.
+    EXPECT_EQ(fsreadline(("/" + std::string(4090, 'd')).c_str(), buf, sizeof buf), -ENAMETOOLONG);
+    EXPECT_STREQ(buf, "d");
+    // Relative paths stay relative to the working directory; without a root
+    // the real path is used.
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    ASSERT_EQ(chdir(root.dir().c_str()), 0);
+    EXPECT_STREQ(freadline("a", buf, sizeof buf, "d"), "first");
+    ASSERT_EQ(chdir(cwd), 0);
+    unsetenv("LIBTREL_ROOT");
+    EXPECT_STREQ(freadline(root.path("/b").c_str(), buf, sizeof buf, "d"), "bell");
+
     trel_test::LogCapture cap;
     EXPECT_STREQ(freadline("/missing", buf, sizeof buf, nullptr), "");
     EXPECT_TRUE(cap.contains("libtrel_util.freadline(): NULL pointer for default value"));
 }
 
-TEST_F(Files, KeyReaders) {
+TEST_F(Files, KeyAndNumberReaders) {
     root.write("/cfg", std::string(300, 'x') + "needle-late\nmtu = 1500\n");
     EXPECT_STREQ(freadvalue("/cfg", "mtu", buf, sizeof buf, "d"), "1500");
     EXPECT_STREQ(freadvalue("/cfg", "mt", buf, sizeof buf, "d"), "d");  // exact match only
@@ -67,12 +65,11 @@ TEST_F(Files, KeyReaders) {
     EXPECT_EQ(fsreadlinebykey("/cfg", "mtu", buf, sizeof buf), 0);
     EXPECT_STREQ(buf, "mtu = 1500\n");
     EXPECT_EQ(fsreadlinebykey("/cfg", "absent", buf, sizeof buf), -1);
+    EXPECT_EQ(fsreadlinebykey("/cfg", "mtu", buf, 0), -1);
     // Long lines come in 254-character pieces; the piece holding the needle wins.
     EXPECT_EQ(fsreadlinebykey("/cfg", "needle", buf, sizeof buf), 0);
     EXPECT_EQ(std::string(buf), std::string(46, 'x') + "needle-late\n");
-}
 
-TEST_F(Files, NumberReadersUseTheirBases) {
     root.mkdir("/d");
     int dfd = open(root.path("/d").c_str(), O_RDONLY | O_DIRECTORY);
     ASSERT_GE(dfd, 0);
@@ -81,20 +78,22 @@ TEST_F(Files, NumberReadersUseTheirBases) {
         const char *text;
         long base10, base0;
     } cases[] = {
-        {"12abc\n", 12, 12},
-        {"0x1f\n", 0, 31},
-        {"abc\n", -1, -1},
-        {nullptr, -1, -1},
-        {"123456789012345678\n", 123456789012345, 123456789012345},
+        {"7", 7, 7},       {"12abc\n", 12, 12},
+        {"0x1f\n", 0, 31}, {"abc\n", -1, -1},
+        {nullptr, -1, -1}, {"123456789012345678\n", 123456789012345, 123456789012345},
     };
     for (auto &c : cases) {
+        SCOPED_TRACE(c.text ? c.text : "missing");
         c.text ? (void)root.write("/d/n", c.text) : root.remove("/d/n");
-        EXPECT_EQ(freadlong("/d/n", -1), c.base10) << c.text;
-        EXPECT_EQ(freadulong("/d/n", 99), c.base10 < 0 ? 99 : (unsigned long)c.base10) << c.text;
-        EXPECT_EQ(freadlongat(dfd, "n", -1), c.base0) << c.text;
-        EXPECT_EQ(freadi64at(dfd, "n", -1), c.base0) << c.text;
+        EXPECT_EQ(freadlong("/d/n", -1), c.base10);
+        EXPECT_EQ(freadulong("/d/n", 99), c.base10 < 0 ? 99 : (unsigned long)c.base10);
+        EXPECT_EQ(freadlongat(dfd, "n", -1), c.base0);
+        EXPECT_EQ(freadi64at(dfd, "n", -1), c.base0);
     }
     close(dfd);
+    // Doubles read 32 characters.
+    root.write("/dbl", std::string(32, '1') + "5\n");
+    EXPECT_DOUBLE_EQ(freaddouble("/dbl", 1.5), strtod(std::string(32, '1').c_str(), nullptr));
     EXPECT_DOUBLE_EQ(freaddouble("/missing", 1.5), 1.5);
 }
 
@@ -104,24 +103,21 @@ TEST_F(Files, WritersCountersAndCommentOut) {
     EXPECT_EQ(faddlong("/count", 5), 0);
     EXPECT_EQ(faddlong("/count", -7), 0);
     EXPECT_EQ(root.read("/count"), "-2\n");
-
     EXPECT_EQ(faddlongat(AT_FDCWD, "/c2", 5), 0);
     EXPECT_EQ(root.read("/c2"), "5\n");
-    struct stat st;
-    ASSERT_EQ(stat(root.path("/c2").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode, S_IFREG | 0600u);
+    EXPECT_EQ(mode_of(root.path("/c2")), S_IFREG | 0600u);
     root.write("/c3", "0x10 and a long tail\n");
     EXPECT_EQ(faddi64at(AT_FDCWD, "/c3", 1), 0);
     EXPECT_EQ(root.read("/c3"), "17\n");
     EXPECT_EQ(fwritelongat(AT_FDCWD, "/c3", 123), 0);
     EXPECT_EQ(root.read("/c3"), "123\n");
+    EXPECT_EQ(fwritelineat(AT_FDCWD, "/no/w", "x"), -1);
 
     // touch creates without truncating and sets the mode.
     root.write("/t", "keep");
     EXPECT_EQ(touch_file("/t", 0640), 0);
     EXPECT_EQ(root.read("/t"), "keep");
-    ASSERT_EQ(stat(root.path("/t").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode, S_IFREG | 0640u);
+    EXPECT_EQ(mode_of(root.path("/t")), S_IFREG | 0640u);
     trel_test::LogCapture cap;
     EXPECT_EQ(touch_file("/no/t", 0600), -1);
     EXPECT_TRUE(cap.contains("libtrel_status.touch_file(): /no/t - 2/No such file or directory"));
@@ -132,32 +128,40 @@ TEST_F(Files, WritersCountersAndCommentOut) {
     FILE *f = fopen_format("r+", "/%c", 'f');
     ASSERT_NE(f, nullptr);
     char patterns[] = "foo|bar";
+    EXPECT_EQ(comment_out_lines(nullptr, patterns), -1);
+    EXPECT_EQ(comment_out_lines(f, nullptr), -1);
     EXPECT_EQ(comment_out_lines(f, patterns), -1);  // the long line
     fclose(f);
     EXPECT_EQ(root.read("/f"), "#oo=1\nbaz=2\n#bar=3\n" + long_line + "\n#nd bar\n");
 }
 
 TEST_F(Files, ReducePathAndMkdirP) {
-    char out[4096];
-    struct {
-        const char *in, *want;
-    } cases[] = {
-        {"/a//b/./c/../d/", "/a/b/d"}, {"/..", "/"},  {"./", "."},
-        {"a/b/../../c", "c"},          {"a/..", "."}, {"./x/./y", "x/y"},
-        {"/a/.b/..c", "/a/.b/..c"},
-    };
-    for (auto &c : cases) {
-        ASSERT_EQ(qx_reduce_path(c.in, out), out) << c.in;
-        EXPECT_STREQ(out, c.want) << c.in;
-    }
-    // A leading ".." starts from the parent of the working directory.
     char cwd[4096];
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-    std::string parent(cwd, strrchr(cwd, '/'));
-    for (const char *in : {"../x", "..//x/", "a/../../x"}) {
-        char *owned = qx_reduce_path(in, nullptr);
-        ASSERT_NE(owned, nullptr);
-        EXPECT_EQ(std::string(owned), parent + "/x") << in;
+    // A leading ".." starts from the parent of the working directory.
+    const std::string parent(cwd, strrchr(cwd, '/'));
+    const struct {
+        const char *in;
+        std::string want;
+    } cases[] = {
+        {"/a//b/./c/../d/", "/a/b/d"},
+        {"/..", "/"},
+        {"./", "."},
+        {"a/b/../../c", "c"},
+        {"a/..", "."},
+        {"./x/./y", "x/y"},
+        {"/a/.b/..c", "/a/.b/..c"},
+        {"../x", parent + "/x"},
+        {"..//x/", parent + "/x"},
+        {"a/../../x", parent + "/x"},
+    };
+    char out[4096];
+    for (auto &c : cases) {
+        SCOPED_TRACE(c.in);
+        ASSERT_EQ(qx_reduce_path(c.in, out), out);
+        EXPECT_EQ(out, c.want);
+        char *owned = qx_reduce_path(c.in, nullptr);
+        EXPECT_EQ(owned ? owned : "", c.want);
         free(owned);
     }
     errno = 0;
@@ -167,16 +171,15 @@ TEST_F(Files, ReducePathAndMkdirP) {
 
     // qx_mkdir_p creates missing parents and refuses files on the way.
     EXPECT_EQ(qx_mkdir_p("/x//y/./z/", 0700), 0);
-    struct stat st;
-    ASSERT_EQ(stat(root.path("/x/y/z").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode, S_IFDIR | 0700u);
+    EXPECT_EQ(mode_of(root.path("/x/y/z")), S_IFDIR | 0700u);
     errno = EINVAL;
     EXPECT_EQ(qx_mkdir_p("/x/y/z", 0755), 0);  // already there
     EXPECT_EQ(errno, 0);
     root.write("/tmp/x", "file");
     for (const char *p : {"/tmp/x/y/z", "/tmp/x"}) {
+        SCOPED_TRACE(p);
         errno = 0;
         EXPECT_EQ(qx_mkdir_p(p, 0755), -1);
-        EXPECT_EQ(errno, ENOTDIR) << p;
+        EXPECT_EQ(errno, ENOTDIR);
     }
 }

@@ -3,22 +3,22 @@
 
 #include "trel_test.h"
 
-TEST(Strings, Trimming) {
+TEST(Strings, TrimmingHexAndMac) {
     char s[] = "ab \t\n";
     trim_trailing(s, (int)strlen(s));
     EXPECT_STREQ(s, "ab");
-
-    char dst[8];
+    char dst[8] = "x";
+    strncpy_trim(dst, 1, "ab");
+    EXPECT_STREQ(dst, "");
     strncpy_trim(dst, sizeof dst, "  ab  ");
     EXPECT_STREQ(dst, "ab  ");
     strncpy_trim(dst, sizeof dst, "\t 0123456789");
     EXPECT_STREQ(dst, "0123456");
-}
 
-TEST(Strings, HexAndMacConversions) {
     unsigned char out[4] = {9, 9, 9, 9};
-    EXPECT_EQ(hex2uchar("0a0b", out, 4), 4);
-    EXPECT_EQ(memcmp(out, "\x0a\x0b\0\0", 4), 0);
+    EXPECT_EQ(hex2uchar("", out, 4), 0);
+    EXPECT_EQ(hex2uchar("0a1b2c", out, 4), 4);
+    EXPECT_EQ(memcmp(out, "\x0a\x1b\x2c\0", 4), 0);
     EXPECT_EQ(hex2uchar("12zz34", out, 3), 3);  // stops at the bad group
     EXPECT_EQ(memcmp(out, "\x12\0\0", 3), 0);
 
@@ -27,7 +27,6 @@ TEST(Strings, HexAndMacConversions) {
     EXPECT_EQ(uchar2hex(data, 2, hex, 4), 0);
     EXPECT_EQ(uchar2hex(data, 2, hex, 5), 2);
     EXPECT_STREQ(hex, "01AB");
-
     // bin2hex converts len - 1 bytes, and with len 0 fills the output.
     EXPECT_EQ(bin2hex(data, 3, hex, sizeof hex), 4);
     EXPECT_STREQ(hex, "01ab");
@@ -44,17 +43,26 @@ TEST(Strings, HexAndMacConversions) {
     EXPECT_EQ(memcmp(mac, "\x00\x11\xaa\xbb\xcc\x0f", 6), 0);
 }
 
+// Random output stays within its length and alphabet.
 TEST(Strings, RandomTexts) {
     char hex[40];
     EXPECT_EQ(gen_rand_hex(hex, 33), 16);
-    for (int i = 0; i < 32; i++) EXPECT_TRUE(isxdigit((unsigned char)hex[i]) && !islower(hex[i]));
+    EXPECT_EQ(strspn(hex, "0123456789ABCDEF"), 32u);
+    EXPECT_EQ(hex[32], '\0');
     EXPECT_EQ(gen_rand_hex(hex, 32), 0);
 
     char s[201];
     s[200] = 'x';
+    EXPECT_EQ(gen_rand_string(s, 0), nullptr);
     EXPECT_EQ(gen_rand_string(s, 200), s);
     EXPECT_EQ(s[200], '\0');
-    for (int i = 0; i < 200; i++) EXPECT_TRUE(isalnum((unsigned char)s[i]));
+    EXPECT_EQ(strspn(s, "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"), 200u);
+
+    unsigned char bytes[64] = {0};
+    EXPECT_EQ(gen_rand_bytes(bytes, 0), 0);
+    EXPECT_EQ(gen_rand_bytes(bytes, 63), 63);
+    EXPECT_EQ(bytes[63], 0);  // nothing past len
+    EXPECT_NE(std::string((char *)bytes, 63), std::string(63, '\0'));
 }
 
 TEST(Strings, Formatting) {

@@ -9,13 +9,6 @@
 
 namespace crypto_test {
 
-inline std::vector<uint8_t> unhex(const std::string &hex) {
-    std::vector<uint8_t> out;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        out.push_back((uint8_t)std::stoul(hex.substr(i, 2), nullptr, 16));
-    return out;
-}
-
 inline std::string hex(const uint8_t *p, size_t n) {
     static const char digits[] = "0123456789abcdef";
     std::string s;

@@ -29,27 +29,9 @@ std::string decode(const std::string &text, bool url) {
 
 }  // namespace
 
-TEST(Base64, Rfc4648VectorsLengthsAndForeignBytes) {
-    const char *vectors[][3] = {
-        {"", "", ""},
-        {"f", "Zg==", "Zg"},
-        {"fo", "Zm8=", "Zm8"},
-        {"foo", "Zm9v", "Zm9v"},
-        {"foob", "Zm9vYg==", "Zm9vYg"},
-        {"fooba", "Zm9vYmE=", "Zm9vYmE"},
-        {"foobar", "Zm9vYmFy", "Zm9vYmFy"},
-        {"\xfb\xff", "+/8=", "-_8"},
-    };
-    for (auto &v : vectors) {
-        SCOPED_TRACE(v[1]);
-        EXPECT_EQ(encode(v[0], false), v[1]);
-        EXPECT_EQ(encode(v[0], true), v[2]);
-        for (bool url : {false, true}) {  // both alphabets through either decoder
-            EXPECT_EQ(decode(v[1], url), v[0]);
-            EXPECT_EQ(decode(v[2], url), v[0]);
-        }
-    }
-
+// Announced lengths, foreign bytes and null arguments; the alphabets and
+// padding are checked against libcrypto below.
+TEST(Base64, LengthsForeignBytesAndNulls) {
     EXPECT_EQ(base64_encode_len(0), 1);
     EXPECT_EQ(base64_encode_len(1), 5);
     EXPECT_EQ(base64_encode_len(3), 5);
@@ -77,7 +59,7 @@ TEST(Base64, Rfc4648VectorsLengthsAndForeignBytes) {
 
 // 2000 inputs of every length up to 100 and random ones up to 3000: the
 // standard form against EVP_EncodeBlock, the URL form as its translation,
-// both decoded back.
+// both decoded back through either decoder.
 TEST(Base64CrossCheck, AgreesWithLibcrypto) {
     std::mt19937 rng(0xb64);
     for (int i = 0; i < 2000; i++) {
@@ -90,7 +72,9 @@ TEST(Base64CrossCheck, AgreesWithLibcrypto) {
         std::string url = want.substr(0, want.find('='));
         for (char &c : url) c = c == '+' ? '-' : c == '/' ? '_' : c;
         ASSERT_EQ(encode(in, true), url) << "len " << len;
-        ASSERT_EQ(decode(want, false), in) << "len " << len;
-        ASSERT_EQ(decode(url, true), in) << "len " << len;
+        for (bool url_decoder : {false, true}) {
+            ASSERT_EQ(decode(want, url_decoder), in) << "len " << len;
+            ASSERT_EQ(decode(url, url_decoder), in) << "len " << len;
+        }
     }
 }
