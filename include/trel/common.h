@@ -4,7 +4,9 @@
 
 /* Nothing in libtrel throws; C++ callers see its functions as noexcept. */
 /* Everything a public header declares has default visibility; the library is
- * built with hidden visibility for all else. */
+ * built with hidden visibility for all else, so these declarations are what
+ * makes a definition visible, and the version script limits the exports to
+ * the listed names. */
 #ifdef __cplusplus
 #define TREL_NOEXCEPT noexcept
 #define TREL_BEGIN_DECLS \

@@ -242,4 +242,4 @@ void setup(CLI::App &app) {
 
 }  // namespace
 
-TREL_TOOL_COMMANDS(setup);
+void trel_tool::register_cfg_commands(CLI::App &app) { setup(app); }

@@ -106,4 +106,4 @@ void setup(CLI::App &app) {
 
 }  // namespace
 
-TREL_TOOL_COMMANDS(setup);
+void trel_tool::register_core_commands(CLI::App &app) { setup(app); }

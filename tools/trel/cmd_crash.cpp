@@ -222,6 +222,6 @@ void setup(CLI::App &app) {
     trel_tool::add_command(finish, [name] { return run_finish(*name); });
 }
 
-TREL_TOOL_COMMANDS(setup);
-
 }  // namespace
+
+void trel_tool::register_crash_commands(CLI::App &app) { setup(app); }

@@ -177,4 +177,4 @@ void setup(CLI::App &app) {
 
 }  // namespace
 
-TREL_TOOL_COMMANDS(setup);
+void trel_tool::register_crypto_commands(CLI::App &app) { setup(app); }

@@ -289,4 +289,4 @@ void setup(CLI::App &app) {
 
 }  // namespace
 
-TREL_TOOL_COMMANDS(setup);
+void trel_tool::register_device_commands(CLI::App &app) { setup(app); }

@@ -125,4 +125,4 @@ void setup(CLI::App &app) {
 
 }  // namespace
 
-TREL_TOOL_COMMANDS(setup);
+void trel_tool::register_exec_commands(CLI::App &app) { setup(app); }

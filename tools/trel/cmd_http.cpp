@@ -181,4 +181,4 @@ void setup(CLI::App &app) {
 
 }  // namespace
 
-TREL_TOOL_COMMANDS(setup);
+void trel_tool::register_http_commands(CLI::App &app) { setup(app); }

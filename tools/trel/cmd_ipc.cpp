@@ -185,4 +185,4 @@ void setup(CLI::App &app) {
 
 }  // namespace
 
-TREL_TOOL_COMMANDS(setup);
+void trel_tool::register_ipc_commands(CLI::App &app) { setup(app); }

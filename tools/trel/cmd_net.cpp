@@ -383,4 +383,4 @@ void setup(CLI::App &app) {
 
 }  // namespace
 
-TREL_TOOL_COMMANDS(setup);
+void trel_tool::register_net_commands(CLI::App &app) { setup(app); }

@@ -132,4 +132,4 @@ void setup(CLI::App &app) {
 
 }  // namespace
 
-TREL_TOOL_COMMANDS(setup);
+void trel_tool::register_proc_commands(CLI::App &app) { setup(app); }

@@ -222,4 +222,4 @@ void setup(CLI::App &app) {
 
 }  // namespace
 
-TREL_TOOL_COMMANDS(setup);
+void trel_tool::register_protocol_commands(CLI::App &app) { setup(app); }

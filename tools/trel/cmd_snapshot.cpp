@@ -579,4 +579,4 @@ void setup(CLI::App &app) {
 
 }  // namespace
 
-TREL_TOOL_COMMANDS(setup);
+void trel_tool::register_snapshot_commands(CLI::App &app) { setup(app); }

@@ -184,6 +184,6 @@ void setup(CLI::App &app) {
     }
 }
 
-TREL_TOOL_COMMANDS(setup);
-
 }  // namespace
+
+void trel_tool::register_telemetry_commands(CLI::App &app) { setup(app); }

@@ -21,11 +21,6 @@ namespace {
 
 Options g_options;
 
-std::vector<Setup> &setups() {
-    static std::vector<Setup> s;
-    return s;
-}
-
 std::vector<std::pair<CLI::App *, std::function<int()>>> &commands() {
     static std::vector<std::pair<CLI::App *, std::function<int()>>> c;
     return c;
@@ -38,8 +33,6 @@ const Options &options() { return g_options; }
 void add_command(CLI::App *cmd, std::function<int()> run) {
     commands().emplace_back(cmd, std::move(run));
 }
-
-Registrar::Registrar(Setup setup) { setups().push_back(setup); }
 
 void print_json(json_t *value) {
     if (value == nullptr) {
@@ -103,7 +96,19 @@ int main(int argc, char **argv) {
         ->capture_default_str();
     app.add_flag("--syslog", syslog, "Send library messages to syslog instead of standard error");
 
-    for (Setup setup : setups()) setup(app);
+    register_cfg_commands(app);
+    register_core_commands(app);
+    register_crash_commands(app);
+    register_crypto_commands(app);
+    register_device_commands(app);
+    register_exec_commands(app);
+    register_http_commands(app);
+    register_ipc_commands(app);
+    register_net_commands(app);
+    register_proc_commands(app);
+    register_protocol_commands(app);
+    register_snapshot_commands(app);
+    register_telemetry_commands(app);
     add_doc_options(app);
 
     try {

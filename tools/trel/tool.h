@@ -1,6 +1,6 @@
-// The trel command-line tool: each cmd_<subsystem>.cpp registers its commands
-// with TREL_TOOL_COMMANDS(setup), where setup adds CLI11 subcommands to the
-// root app and binds a run function to every leaf with add_command().
+// The trel command-line tool: each cmd_<subsystem>.cpp has a registration
+// function, called by main(), that adds its CLI11 subcommands to the root app
+// and binds a run function to every leaf with add_command().
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -22,10 +22,21 @@ const Options &options();
 // the exit status.
 void add_command(CLI::App *cmd, std::function<int()> run);
 
-using Setup = void (*)(CLI::App &app);
-struct Registrar {
-    explicit Registrar(Setup setup);
-};
+// The commands of each cmd_<subsystem>.cpp, registered in this order (the
+// order of the help text and of the generated man page and completion).
+void register_cfg_commands(CLI::App &app);
+void register_core_commands(CLI::App &app);
+void register_crash_commands(CLI::App &app);
+void register_crypto_commands(CLI::App &app);
+void register_device_commands(CLI::App &app);
+void register_exec_commands(CLI::App &app);
+void register_http_commands(CLI::App &app);
+void register_ipc_commands(CLI::App &app);
+void register_net_commands(CLI::App &app);
+void register_proc_commands(CLI::App &app);
+void register_protocol_commands(CLI::App &app);
+void register_snapshot_commands(CLI::App &app);
+void register_telemetry_commands(CLI::App &app);
 
 // Prints a JSON value (indented) on standard output and releases it.
 void print_json(json_t *value);
@@ -41,8 +52,3 @@ int fail(const std::string &message);
 void add_doc_options(CLI::App &app);
 
 }  // namespace trel_tool
-
-#define TREL_TOOL_CONCAT2(a, b) a##b
-#define TREL_TOOL_CONCAT(a, b) TREL_TOOL_CONCAT2(a, b)
-#define TREL_TOOL_COMMANDS(setup) \
-    static const trel_tool::Registrar TREL_TOOL_CONCAT(trel_tool_registrar_, __LINE__)(setup)
