@@ -375,3 +375,51 @@ TEST(PathRoot, RealPathsForCommands) {
         EXPECT_EQ(p ? strlen(p.c_str()) : 0u, extra ? 0u : PATH_MAX - 1u);
     }
 }
+
+// Through the library's own readers, writers and the wrapper script: an
+// escape by "..", by an absolute symlink and by a relative symlink lands
+// inside the root (with openat2), or is refused (without); the twin file
+// outside the root is never read, written or run.
+TEST(PathRoot, LibraryCallsStayInsideTheRoot) {
+    TempRoot root;
+    const std::string out = trel_test::make_temp_dir();  // an absolute real path
+    const std::string mark = out + "/ran";
+    const std::string up = "../../../../../../../../../..";
+    const struct {
+        const char *what;
+        std::string data, usr;  // where the file is reached; where /usr points
+    } escapes[] = {
+        {"dot-dot", "/" + up + out + "/f", "/" + up + out + "/usr"},
+        {"absolute symlink", "/abs/f", out + "/usr"},
+        {"relative symlink", "/rel/f", up + out + "/usr"},
+    };
+    ASSERT_EQ(symlink(out.c_str(), root.path("/abs").c_str()), 0);
+    ASSERT_EQ(symlink((up + out).c_str(), root.path("/rel").c_str()), 0);
+    const bool inside = has_openat2();
+    for (const auto &e : escapes) {
+        SCOPED_TRACE(e.what);
+        write_file(out + "/f", "outside\n");
+        root.write(out + "/f", "inside\n");
+        const std::string script = "/usr/etc/syswrapper.sh";
+        for (const char *side : {"outside", "inside"}) {
+            std::string text = std::string("#!/bin/sh\necho ") + side + " >> " + mark + "\n";
+            std::string real = side[0] == 'o' ? out + script : root.path(out + script);
+            std::filesystem::create_directories(real.substr(0, real.rfind('/')));
+            write_file(real, text);
+            chmod(real.c_str(), 0755);
+        }
+        std::filesystem::remove(root.path("/usr"));
+        ASSERT_EQ(symlink(e.usr.c_str(), root.path("/usr").c_str()), 0);
+        unlink(mark.c_str());
+
+        char buf[32] = "";
+        EXPECT_STREQ(freadline(e.data.c_str(), buf, sizeof buf, "refused"),
+                     inside ? "inside" : "refused");
+        EXPECT_EQ(fwriteline(e.data.c_str(), "%s", "written"), inside ? 7 : -1);
+        syswrapper_impl(1, "x", nullptr);
+        EXPECT_EQ(read_file(out + "/f"), "outside\n");
+        EXPECT_EQ(root.read(out + "/f"), inside ? "written" : "inside\n");
+        EXPECT_EQ(read_file(mark), inside ? "inside\n" : "");
+    }
+    trel_test::remove_tree(out);
+}

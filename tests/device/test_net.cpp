@@ -618,7 +618,7 @@ bool has(const std::string &text, const std::string &part) {
 }
 
 // The checks of the live test, in the child that owns the namespace.
-void live_checks() {
+static void live_checks() {
     // With only br0 there, its address is the device's.
     uint8_t mac[6];
     const uint8_t br0_mac[6] = {2, 0, 0, 0, 0x0b, 0}, eth0_mac[6] = {2, 0, 0, 0, 0xe0, 0};
