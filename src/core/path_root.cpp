@@ -311,7 +311,14 @@ FILE *path_fopen(const char *path, const char *mode) noexcept {
     if (!fopen_flags(mode, &flags)) return nullptr;
     UniqueFd fd(open_rooted(root, path, flags, 0666));
     if (!fd) return nullptr;
-    FILE *f = fdopen(fd.get(), mode);
+    // The stream's mode comes from the flags the whole mode gave: fdopen reads
+    // fewer of its characters than fopen does.
+    const int access = flags & O_ACCMODE;
+    const bool append = (flags & O_APPEND) != 0;
+    const char *stream_mode = access == O_RDONLY ? "r"
+                              : access == O_WRONLY ? (append ? "a" : "w")
+                                                   : (append ? "a+" : "r+");
+    FILE *f = fdopen(fd.get(), stream_mode);
     if (f != nullptr) fd.release();
     return f;
 }

@@ -151,6 +151,7 @@ const PlainCall kPlainCalls[] = {
     {"fopen re", false, true, FOPEN("re")},
     // A "+" past the first seven characters does not count.
     {"fopen rbbbbbb+", false, true, FOPEN("rbbbbbb+")},
+    {"fopen rbbbbb+", true, true, FOPEN("rbbbbb+")},
     {"fopen wx", true, false, FOPEN("wx")},
     {"stat", false, true, STAT(stat)},
     {"lstat", false, false, STAT(lstat)},
