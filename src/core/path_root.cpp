@@ -315,7 +315,7 @@ FILE *path_fopen(const char *path, const char *mode) noexcept {
     // fewer of its characters than fopen does.
     const int access = flags & O_ACCMODE;
     const bool append = (flags & O_APPEND) != 0;
-    const char *stream_mode = access == O_RDONLY ? "r"
+    const char *stream_mode = access == O_RDONLY   ? "r"
                               : access == O_WRONLY ? (append ? "a" : "w")
                                                    : (append ? "a+" : "r+");
     FILE *f = fdopen(fd.get(), stream_mode);
