@@ -353,9 +353,13 @@ TEST(PathRoot, RealPathsForCommands) {
     const struct {
         const char *logical;
         std::string want;  // "" for no path
-    } cases[] = {{"/le/f", real + "/etc/f"}, {"/le/../var/run/new.txt", real + "/var/run/new.txt"},
-                 {"/new", real + "/new"},    {"/var/run/dangling", ""},
-                 {"/missing/new.txt", ""},   {"/var/run/..", real + "/var"}};
+    } cases[] = {          // Without openat2 an absolute symlink is refused rather than followed.
+                 {"/le/f", has_openat2() ? real + "/etc/f" : ""},
+                 {"/le/../var/run/new.txt", has_openat2() ? real + "/var/run/new.txt" : ""},
+                 {"/new", real + "/new"},
+                 {"/var/run/dangling", ""},
+                 {"/missing/new.txt", ""},
+                 {"/var/run/..", real + "/var"}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.logical);
         trel::RootedPath p(c.logical);
