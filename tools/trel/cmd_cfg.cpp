@@ -191,7 +191,9 @@ int run_print(const CfgOptions &o) {
     return 0;
 }
 
-void setup(CLI::App &app) {
+}  // namespace
+
+void trel_tool::register_cfg_commands(CLI::App &app) {
     auto opts = std::make_shared<CfgOptions>();
     auto *cfg = app.add_subcommand("cfg", "Query the device configuration");
     cfg->require_subcommand(1);
@@ -239,7 +241,3 @@ void setup(CLI::App &app) {
     auto *p = cfg->add_subcommand("print", "Print every entry as key=value");
     trel_tool::add_command(p, [opts] { return run_print(*opts); });
 }
-
-}  // namespace
-
-void trel_tool::register_cfg_commands(CLI::App &app) { setup(app); }

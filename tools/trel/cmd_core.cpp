@@ -81,7 +81,9 @@ int run_hexdump(const std::string &file) {
     return 0;
 }
 
-void setup(CLI::App &app) {
+}  // namespace
+
+void trel_tool::register_core_commands(CLI::App &app) {
     auto *version = app.add_subcommand("version", "Print the library's build identity");
     trel_tool::add_command(version, run_version);
 
@@ -103,7 +105,3 @@ void setup(CLI::App &app) {
     hexdump->add_option("FILE", *dump)->required();
     trel_tool::add_command(hexdump, [dump] { return run_hexdump(*dump); });
 }
-
-}  // namespace
-
-void trel_tool::register_core_commands(CLI::App &app) { setup(app); }

@@ -63,11 +63,8 @@ struct DumpArgs {
 
 int run_dump(const DumpArgs &a) {
     std::string data;
-    if (!a.file.empty() && !trel_tool::read_input(a.file, data)) return 2;
-    if (data.size() > 0x7fffffffu) {
-        trel_tool::fail(a.file + ": larger than 2 GiB");
-        return 2;
-    }
+    if (!a.file.empty() && !trel_tool::read_input(a.file, data)) return trel_tool::kBadInput;
+    if (data.size() > 0x7fffffffu) return trel_tool::bad_input(a.file + ": larger than 2 GiB");
     int rc =
         send_crash_binary_data(a.cmd.c_str(), a.pid, a.signal, 1, 0,
                                a.file.empty() ? nullptr : data.data(), (int)data.size(), a.type);
@@ -180,7 +177,9 @@ int run_finish(const std::string &name) {
     return 0;
 }
 
-void setup(CLI::App &app) {
+}  // namespace
+
+void trel_tool::register_crash_commands(CLI::App &app) {
     auto *crash = app.add_subcommand("crash", "Crash reports");
     crash->require_subcommand(1);
     auto with_cfg = std::make_shared<bool>(false);
@@ -221,7 +220,3 @@ void setup(CLI::App &app) {
     finish->add_option("NAME", *name, "Archive name")->required();
     trel_tool::add_command(finish, [name] { return run_finish(*name); });
 }
-
-}  // namespace
-
-void trel_tool::register_crash_commands(CLI::App &app) { setup(app); }

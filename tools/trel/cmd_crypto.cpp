@@ -139,7 +139,9 @@ int run_aes(bool encrypt, const std::string &key_hex, const std::string &iv_hex,
     return 0;
 }
 
-void setup(CLI::App &app) {
+}  // namespace
+
+void trel_tool::register_crypto_commands(CLI::App &app) {
     auto file = std::make_shared<std::string>();
     auto *sha = app.add_subcommand("sha256", "SHA-256 digest of a file or standard input");
     sha->add_option("FILE", *file, "File, or - for standard input");
@@ -174,7 +176,3 @@ void setup(CLI::App &app) {
             cmd, [encrypt, key, iv, aesfile] { return run_aes(encrypt, *key, *iv, *aesfile); });
     }
 }
-
-}  // namespace
-
-void trel_tool::register_crypto_commands(CLI::App &app) { setup(app); }

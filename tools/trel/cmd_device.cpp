@@ -19,11 +19,7 @@ std::string hex(unsigned value, int width) {
     return buf;
 }
 
-std::string mac_text(const uint8_t *m) {
-    char buf[18];
-    snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-    return buf;
-}
+using trel_tool::mac_text;
 
 std::string version_text(uint32_t v) {
     char buf[16];
@@ -276,7 +272,9 @@ int run_status(const std::string &ifname) {
     return emit(o);
 }
 
-void setup(CLI::App &app) {
+}  // namespace
+
+void trel_tool::register_device_commands(CLI::App &app) {
     auto *board = app.add_subcommand("board", "Show the identified board and its model predicates");
     trel_tool::add_command(board, run_board);
 
@@ -286,7 +284,3 @@ void setup(CLI::App &app) {
     status->add_option("IFNAME", *ifname, "Network interface");
     trel_tool::add_command(status, [ifname] { return run_status(*ifname); });
 }
-
-}  // namespace
-
-void trel_tool::register_device_commands(CLI::App &app) { setup(app); }

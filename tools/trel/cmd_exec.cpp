@@ -104,7 +104,9 @@ int run_syswrapper(const std::vector<std::string> &words, bool detach) {
     return 0;
 }
 
-void setup(CLI::App &app) {
+}  // namespace
+
+void trel_tool::register_exec_commands(CLI::App &app) {
     auto words = std::make_shared<std::vector<std::string>>();
     auto max = std::make_shared<size_t>(1048576);
     auto *run = app.add_subcommand(
@@ -122,7 +124,3 @@ void setup(CLI::App &app) {
     sw->add_option("VERB", *verb, "Verb and arguments")->required();
     trel_tool::add_command(sw, [verb, detach] { return run_syswrapper(*verb, *detach); });
 }
-
-}  // namespace
-
-void trel_tool::register_exec_commands(CLI::App &app) { setup(app); }

@@ -134,7 +134,9 @@ int run_http(int method, const HttpArgs &a) {
     return 0;
 }
 
-void setup(CLI::App &app) {
+}  // namespace
+
+void trel_tool::register_http_commands(CLI::App &app) {
     auto *url = app.add_subcommand("url", "Parse, encode and resolve URLs");
     url->require_subcommand(1);
 
@@ -178,7 +180,3 @@ void setup(CLI::App &app) {
         trel_tool::add_command(cmd, [method, args] { return run_http(method, *args); });
     }
 }
-
-}  // namespace
-
-void trel_tool::register_http_commands(CLI::App &app) { setup(app); }

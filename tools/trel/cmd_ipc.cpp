@@ -136,7 +136,9 @@ int run_outliers(std::vector<int64_t> values) {
     return 0;
 }
 
-void setup(CLI::App &app) {
+}  // namespace
+
+void trel_tool::register_ipc_commands(CLI::App &app) {
     auto *ipc = app.add_subcommand("ipc", "Framed messages over Unix datagram sockets");
     ipc->require_subcommand(1);
 
@@ -182,7 +184,3 @@ void setup(CLI::App &app) {
     outliers->add_option("N", *out_values, "Values")->required();
     trel_tool::add_command(outliers, [out_values] { return run_outliers(*out_values); });
 }
-
-}  // namespace
-
-void trel_tool::register_ipc_commands(CLI::App &app) { setup(app); }

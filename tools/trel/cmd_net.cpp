@@ -21,19 +21,11 @@
 
 namespace {
 
-constexpr int kBadInput = 2;
+using trel_tool::bad_input;
+using trel_tool::kBadInput;
+using trel_tool::mac_text;
+
 constexpr size_t kIfNameSize = 16;  // IFNAMSIZ: 15 characters and the terminator
-
-int bad_input(const std::string &message) {
-    std::cerr << "trel: " << message << "\n";
-    return kBadInput;
-}
-
-std::string mac_text(const uint8_t *m) {
-    char buf[18];
-    snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-    return buf;
-}
 
 std::string dotted(uint32_t network_order) {
     char buf[INET_ADDRSTRLEN];
@@ -324,7 +316,9 @@ int run_portal_vlan(const std::string &text) {
                          "VLAN " + text);
 }
 
-void setup(CLI::App &app) {
+}  // namespace
+
+void trel_tool::register_net_commands(CLI::App &app) {
     auto *net = app.add_subcommand("net", "Network interfaces, gateway, ARP, uplink and bridges");
     net->require_subcommand(1);
 
@@ -380,7 +374,3 @@ void setup(CLI::App &app) {
     v->add_option("N", *vlan, "VLAN number")->required();
     trel_tool::add_command(v, [vlan] { return run_portal_vlan(*vlan); });
 }
-
-}  // namespace
-
-void trel_tool::register_net_commands(CLI::App &app) { setup(app); }

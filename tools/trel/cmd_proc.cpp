@@ -113,7 +113,9 @@ int run_conntrack(unsigned top) {
     return 0;
 }
 
-void setup(CLI::App &app) {
+}  // namespace
+
+void trel_tool::register_proc_commands(CLI::App &app) {
     auto ps_options = std::make_shared<PsOptions>();
     auto *ps = app.add_subcommand("ps", "Show the process table");
     ps->add_flag("--fds", ps_options->fds, "List each process's descriptors and sockets");
@@ -129,7 +131,3 @@ void setup(CLI::App &app) {
     conntrack->add_option("--top", *top, "Only the first N hosts (0: all)");
     trel_tool::add_command(conntrack, [top] { return run_conntrack(*top); });
 }
-
-}  // namespace
-
-void trel_tool::register_proc_commands(CLI::App &app) { setup(app); }

@@ -184,7 +184,9 @@ int run_mesh_halt() {
     return 0;
 }
 
-void setup(CLI::App &app) {
+}  // namespace
+
+void trel_tool::register_protocol_commands(CLI::App &app) {
     auto *proto = app.add_subcommand("proto", "Device discovery protocol");
     proto->require_subcommand(1);
 
@@ -219,7 +221,3 @@ void setup(CLI::App &app) {
         proto->add_subcommand("mesh-halt", "Send the mesh-halt message through the client");
     trel_tool::add_command(halt, run_mesh_halt);
 }
-
-}  // namespace
-
-void trel_tool::register_protocol_commands(CLI::App &app) { setup(app); }

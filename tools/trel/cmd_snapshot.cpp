@@ -450,8 +450,7 @@ int open_destination(const std::string &path, UniqueFd &out) {
         return trel_tool::fail("cannot make " + path + ": " + strerror(errno));
     out.reset(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!out && errno == ENOTDIR) {
-        trel_tool::fail(path + ": exists and is not a directory");
-        return 2;
+        return trel_tool::bad_input(path + ": exists and is not a directory");
     }
     if (!out) return trel_tool::fail(path + ": " + strerror(errno));
     if (made) return 0;
@@ -459,8 +458,7 @@ int open_destination(const std::string &path, UniqueFd &out) {
     if (!d) return trel_tool::fail(path + ": " + strerror(errno));
     while (struct dirent *e = readdir(d.get())) {
         if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) {
-            trel_tool::fail(path + ": not empty");
-            return 2;
+            return trel_tool::bad_input(path + ": not empty");
         }
     }
     return 0;
@@ -518,7 +516,7 @@ int run_snapshot(const std::string &dir, const std::string &tar, bool list) {
     if (list) return run_list();
     if (dir.empty() == tar.empty()) {
         std::cerr << "trel snapshot: give DIR or --tar FILE\n";
-        return 2;
+        return trel_tool::kBadInput;
     }
     UniqueFd dst;
     UniqueFd tar_out;
@@ -531,8 +529,7 @@ int run_snapshot(const std::string &dir, const std::string &tar, bool list) {
         } else {
             tar_out.reset(open(tar.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
             if (!tar_out && errno == EEXIST) {
-                trel_tool::fail(tar + ": exists");
-                return 2;
+                return trel_tool::bad_input(tar + ": exists");
             }
         }
         if (!tar_out) return trel_tool::fail("cannot write " + tar + ": " + strerror(errno));
@@ -562,7 +559,9 @@ int run_snapshot(const std::string &dir, const std::string &tar, bool list) {
     return 0;
 }
 
-void setup(CLI::App &app) {
+}  // namespace
+
+void trel_tool::register_snapshot_commands(CLI::App &app) {
     struct Args {
         std::string dir, tar;
         bool list = false;
@@ -576,7 +575,3 @@ void setup(CLI::App &app) {
     cmd->add_flag("--list", a->list, "Print the paths and patterns copied, with their bounds");
     trel_tool::add_command(cmd, [a] { return run_snapshot(a->dir, a->tar, a->list); });
 }
-
-}  // namespace
-
-void trel_tool::register_snapshot_commands(CLI::App &app) { setup(app); }

@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr int kBadInput = 2;
+using trel_tool::kBadInput;
 
 struct JsonDeleter {
     void operator()(json_t *v) const { json_decref(v); }
@@ -147,7 +147,9 @@ int run_trace(const TraceArgs &a, bool send) {
     return rc == 0 ? 0 : 1;
 }
 
-void setup(CLI::App &app) {
+}  // namespace
+
+void trel_tool::register_telemetry_commands(CLI::App &app) {
     auto *json = app.add_subcommand("json", "JSON helpers");
     json->require_subcommand(1);
     struct SeriesArgs {
@@ -183,7 +185,3 @@ void setup(CLI::App &app) {
         trel_tool::add_command(cmd, [t, send] { return run_trace(*t, send); });
     }
 }
-
-}  // namespace
-
-void trel_tool::register_telemetry_commands(CLI::App &app) { setup(app); }

@@ -76,7 +76,18 @@ bool read_input(const std::string &name, std::string &out) {
 
 int fail(const std::string &message) {
     std::cerr << "trel: " << message << "\n";
-    return 1;
+    return kFailed;
+}
+
+int bad_input(const std::string &message) {
+    fail(message);
+    return kBadInput;
+}
+
+std::string mac_text(const uint8_t *m) {
+    char buf[18];
+    snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
+    return buf;
 }
 
 }  // namespace trel_tool
@@ -117,7 +128,7 @@ int main(int argc, char **argv) {
         return e.get_exit_code();  // a hidden option that ended the run itself
     } catch (const CLI::ParseError &e) {
         // --help succeeds; anything else the command line gets wrong is bad usage.
-        return app.exit(e) == 0 ? 0 : 2;
+        return app.exit(e) == 0 ? 0 : kBadInput;
     }
 
     if (!g_options.root.empty()) setenv("LIBTREL_ROOT", g_options.root.c_str(), 1);
@@ -127,5 +138,5 @@ int main(int argc, char **argv) {
     for (auto &[cmd, run] : commands())
         if (cmd->parsed()) return run();
     std::cerr << app.help();
-    return 2;
+    return kBadInput;
 }

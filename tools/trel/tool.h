@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 #include <jansson.h>
+#include <stdint.h>
 
 #include <functional>
 #include <string>
@@ -43,8 +44,15 @@ void print_json(json_t *value);
 // Reads a whole file, or standard input for "-" or an empty name.  False with
 // a message on standard error when it cannot be read.
 bool read_input(const std::string &name, std::string &out);
-// Prints "trel: message" on standard error and returns 1.
+// Exit statuses: 1 the operation failed, 2 bad usage or bad input.
+constexpr int kFailed = 1;
+constexpr int kBadInput = 2;
+// Prints "trel: message" on standard error and returns kFailed.
 int fail(const std::string &message);
+// Prints "trel: message" on standard error and returns kBadInput.
+int bad_input(const std::string &message);
+// A hardware address as "xx:xx:xx:xx:xx:xx".
+std::string mac_text(const uint8_t *mac);
 
 // Adds the hidden options --man-page FILE and --bash-completion FILE, which
 // write the man page and the bash completion generated from app's command
