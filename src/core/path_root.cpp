@@ -18,7 +18,6 @@ namespace trel {
 namespace {
 
 constexpr std::string_view kRealPaths[] = {"/dev/urandom", "/dev/kmsg"};
-constexpr int kMaxLinks = 40;    // symlinks followed in one path, as the kernel allows
 constexpr int kRaceRetries = 8;  // openat2 asks for a retry when a rename raced a ".."
 constexpr size_t kModeMax = 32;  // an fopen mode with "e" added
 
@@ -97,7 +96,7 @@ int open_beneath(int rootfd, const char *path, int flags, mode_t mode) noexcept 
         ssize_t len = readlinkat(dir.get(), comp, target, sizeof target);
         if (len >= 0) {
             if ((size_t)len == sizeof target) return fail(ENAMETOOLONG);
-            if (++links > kMaxLinks) return fail(ELOOP);
+            if (++links > kMaxSymlinks) return fail(ELOOP);
             if (target[0] == '/') return fail(EACCES);
             size_t rest = strlen(end);  // from the slash after the link on
             if ((size_t)len + rest >= sizeof left) return fail(ENAMETOOLONG);

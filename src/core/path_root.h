@@ -21,6 +21,9 @@
 
 namespace trel {
 
+// Symlinks followed in one path before ELOOP, as the kernel allows.
+inline constexpr int kMaxSymlinks = 40;
+
 // The real path a logical path resolves to, for what cannot act on a
 // descriptor: execv, and file names put into shell commands.  Without a root
 // (or for a relative path) it is the logical path itself; under a root it is

@@ -35,7 +35,6 @@ namespace {
 namespace df = trel::device_files;
 using trel::UniqueFd;
 
-constexpr int kMaxLinks = 40;  // symlinks followed in one path, as the kernel allows
 constexpr int kMaxDepth = 16;  // directory levels copied below the top of a tree
 constexpr size_t kChunk = 65536;
 constexpr int kNotWritten = -1;  // a resolve error already counted as a failed write
@@ -76,6 +75,19 @@ bool read_link(const std::string &path, std::string &text) {
     }
     text.assign(buf, (size_t)n);
     return true;
+}
+
+// The names in a directory stream other than "." and "..", that keep() lets
+// through, sorted.
+template <typename Keep>
+std::vector<std::string> sorted_names(DIR *d, Keep keep) {
+    std::vector<std::string> names;
+    while (struct dirent *ent = readdir(d)) {
+        std::string_view name = ent->d_name;
+        if (name != "." && name != ".." && keep(name)) names.emplace_back(name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 bool write_all(int fd, const std::string &data) {
@@ -161,7 +173,7 @@ private:
                 continue;
             }
             std::string text;
-            if (++links > kMaxLinks) return ELOOP;
+            if (++links > trel::kMaxSymlinks) return ELOOP;
             if (!read_link(next.src, text)) return errno;
             if (next.src == "/proc/self" || next.src == "/proc/thread-self") {
                 // The copy keeps a directory here: the source's link names
@@ -196,13 +208,9 @@ private:
         if (err != 0) return missing(prefix, err);
         trel::UniqueDir d(trel::path_opendir(shown(dir.src)));
         if (!d) return missing(prefix, errno);
-        std::vector<std::string> names;
-        while (struct dirent *ent = readdir(d.get())) {
-            std::string_view name = ent->d_name;
-            if (name != "." && name != ".." && df::name_matches(c, name)) names.emplace_back(name);
-        }
+        std::vector<std::string> names =
+            sorted_names(d.get(), [&](std::string_view name) { return df::name_matches(c, name); });
         d.reset();
-        std::sort(names.begin(), names.end());
         for (const std::string &name : names)
             if (!own_process(prefix, name)) expand(e, pattern, i + 1, prefix + "/" + name);
     }
@@ -237,13 +245,9 @@ private:
             if (!d) return missing(logical, errno);
             if (!put_dir(at.dst, logical) || e.kind != df::Kind::Tree) return;
             if (depth == kMaxDepth) return skip(logical, "too deep, contents left out");
-            std::vector<std::string> names;
-            while (struct dirent *ent = readdir(d.get())) {
-                std::string_view name = ent->d_name;
-                if (name != "." && name != "..") names.emplace_back(name);
-            }
+            std::vector<std::string> names =
+                sorted_names(d.get(), [](std::string_view) { return true; });
             d.reset();
-            std::sort(names.begin(), names.end());
             for (const std::string &name : names) {
                 Place child{at.src + "/" + name, at.dst + "/" + name};
                 struct stat cst;
