@@ -156,8 +156,8 @@ int has_oops(void) TREL_NOEXCEPT;
 int oops_clear(void) TREL_NOEXCEPT;
 /* Reports the pending oops once: 0 sent now or before, -1 no oops pending,
  * -ENOENT not ready to report (time, address or analytics), -ESRCH URL too
- * long, -EINTR payload not built, -EIO the service refused it.  The oops is
- * not cleared. */
+ * long, -EINTR payload not built, -EIO the POST failed (a transport error
+ * or a status other than 200).  The oops is not cleared. */
 int send_kernel_crash(void) TREL_NOEXCEPT;
 
 /* Kinds of dumps (dump_type). */
